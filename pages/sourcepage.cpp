@@ -1,0 +1,14 @@
+#include "sourcepage.h"
+
+#include "app/veld_installer.h"
+
+SourcePage::SourcePage(QWidget *parent)
+    : QWizardPage(parent)
+{
+    setTitle(tr("Welcome to the Quorvan Spectra and Properties Database Installer"));
+}
+
+int SourcePage::nextId() const
+{
+    return kPickDestPageId;
+}
