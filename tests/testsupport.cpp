@@ -1,0 +1,96 @@
+#include "testsupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+
+ProcessResult runProcess(const QString &program, const QStringList &args, const QProcessEnvironment &env)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, args);
+    ProcessResult result;
+    if (!process.waitForStarted(10000) || !process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished(5000);
+        return result;
+    }
+    result.out = QString::fromUtf8(process.readAllStandardOutput());
+    result.err = QString::fromUtf8(process.readAllStandardError());
+    if (process.exitStatus() == QProcess::NormalExit)
+        result.exitCode = process.exitCode();
+    return result;
+}
+
+QStringList logMessages(const QString &path)
+{
+    static const QRegularExpression prefix(QStringLiteral(
+        "^\\[[^ \\]]* -?\\d+\\](Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+        "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}: "));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringList();
+    QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    if (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast();
+    for (QString &line : lines)
+        line.remove(prefix);
+    return lines;
+}
+
+bool copyFileTo(const QString &source, const QString &target)
+{
+    QDir().mkpath(QFileInfo(target).absolutePath());
+    QFile::remove(target);
+    return QFile::copy(source, target);
+}
+
+QString placeProbe(const QString &path)
+{
+    if (!copyFileTo(QStringLiteral(VELD_SUPPORTPROBE), path))
+        return QString();
+    QFile::setPermissions(path, QFile::permissions(path) | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther);
+    return path;
+}
+
+ScratchPreferences::ScratchPreferences()
+{
+    QDir().mkpath(userFolder());
+    QDir().mkpath(systemFolder());
+}
+
+QString ScratchPreferences::userFolder() const
+{
+    return m_dir.filePath(QStringLiteral("home/.config"));
+}
+
+QString ScratchPreferences::systemFolder() const
+{
+    return m_dir.filePath(QStringLiteral("etc/xdg"));
+}
+
+void ScratchPreferences::writeDomainFile(const QString &folder, const QString &domain, const QStringList &lines) const
+{
+    QFile file(folder + QLatin1Char('/') + domain + QStringLiteral(".conf"));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        qFatal("cannot write %s", qPrintable(file.fileName()));
+    file.write("[General]\n");
+    for (const QString &line : lines)
+        file.write(line.toUtf8() + '\n');
+}
+
+QProcessEnvironment ScratchPreferences::environment() const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), userFolder());
+    env.insert(QStringLiteral("XDG_CONFIG_DIRS"), systemFolder() + QStringLiteral(":/nonexistent/second"));
+    return env;
+}
+
+void ScratchPreferences::applyToThisProcess() const
+{
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(userFolder()));
+    qputenv("XDG_CONFIG_DIRS", QFile::encodeName(systemFolder()));
+}
