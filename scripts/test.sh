@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds the installer and runs its tests.
+#   scripts/test.sh                          plain build in build/
+#   scripts/test.sh --sanitize address,undefined   sanitizer build in build-address-undefined/
+# Extra arguments after "--" go to ctest (e.g. -- -L unit).
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+sanitize=""
+build_type=RelWithDebInfo
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --sanitize) sanitize="$2"; build_type=Debug; shift 2 ;;
+        --) shift; break ;;
+        *) echo "usage: $0 [--sanitize LIST] [-- ctest arguments]" >&2; exit 2 ;;
+    esac
+done
+
+"$root/scripts/install-deps.sh"
+
+build="$root/build"
+[ -z "$sanitize" ] || build="$root/build-${sanitize//,/-}"
+
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE="$build_type" -DVELD_WERROR=ON -DVELD_SANITIZE="$sanitize" >/dev/null
+cmake --build "$build" -j"$(nproc)"
+
+export QT_QPA_PLATFORM=offscreen
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+cd "$build"
+ctest --output-on-failure "$@"
