@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, running and testing the installer
-# need, when any is missing. Safe to run again; uses sudo when not root.
+# Installs the Debian packages that building and testing the installer need,
+# when any is missing; with --run also those that running it without a display
+# needs (Xvfb and a screenshot tool). Safe to run again; uses sudo when not root.
 set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config
     qtbase5-dev qtbase5-dev-tools
     fonts-dejavu-core
-    xvfb xauth imagemagick
     util-linux
 )
+[ "${1:-}" != --run ] || packages+=(xvfb xauth imagemagick)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -16,7 +16,7 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-"$root/scripts/install-deps.sh"
+"$root/scripts/install-deps.sh" --run
 build="$root/build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target veld-installer veld-make-sample

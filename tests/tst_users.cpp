@@ -19,7 +19,6 @@ private slots:
     void userName_data();
     void userName();
     void unknownUserReportsOnStandardError();
-    void administratorsGroup();
     void largeGroupEntries_data();
     void largeGroupEntries();
 };
@@ -69,23 +68,6 @@ void tst_Users::unknownUserReportsOnStandardError()
                  .match(run.err)
                  .hasMatch(),
              qPrintable(run.err));
-}
-
-void tst_Users::administratorsGroup()
-{
-    const QByteArray name = adminGroupName();
-    const QList<QByteArray> candidates{"sudo", "wheel", "admin"};
-    QVERIFY(candidates.contains(name));
-    // The first candidate that exists wins; none existing falls back to "admin", unknown.
-    for (const QByteArray &candidate : candidates) {
-        if (candidate == name)
-            break;
-        QVERIFY2(!getgrnam(candidate.constData()), candidate.constData());
-    }
-    if (getgrnam(name.constData()))
-        QCOMPARE(getGroupId(name.constData()), static_cast<uint32_t>(getgrnam(name.constData())->gr_gid));
-    else
-        QCOMPARE(name, QByteArray("admin"));
 }
 
 void tst_Users::largeGroupEntries_data()
