@@ -11,12 +11,16 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
 #include <QLabel>
 #include <QResource>
 #include <QScopeGuard>
 #include <QTextBrowser>
 #include <QTimer>
 #include <QtTest>
+
+#include <unistd.h>
 
 namespace {
 
@@ -55,6 +59,8 @@ private slots:
     void endsWithStatusZero();
     void agreement_data();
     void agreement();
+    void realInstallerStarts_data();
+    void realInstallerStarts();
 
 private:
     ScratchPreferences m_prefs;
@@ -226,6 +232,53 @@ void tst_Wizard::agreement()
     QCOMPARE(nextEnabled(wizard), accepted);
     QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
     QCOMPARE(wizard.currentId(), accepted ? kSourcePageId : kEulaPageId);
+}
+
+void tst_Wizard::realInstallerStarts_data()
+{
+    QTest::addColumn<QByteArray>("groups"); // empty: the machine's own group database
+    QTest::newRow("this machine's groups") << QByteArray();
+    QTest::newRow("no administrators' group") << QByteArray("root:x:0:\nusers:x:100:\n");
+}
+
+// The bundle's own executable starts, finds its log preference under its cleaned
+// name and keeps running; it is stopped from outside.
+void tst_Wizard::realInstallerStarts()
+{
+    QFETCH(QByteArray, groups);
+    ScratchPreferences prefs;
+    const QString log = prefs.path() + QStringLiteral("/run.log");
+    prefs.writeDomainFile(prefs.userFolder(), QStringLiteral("com.halvorn.Quorvan"),
+                          {QStringLiteral("VELDInstaller_LogLocation=") + log});
+    QProcessEnvironment env = prefs.environment();
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+
+    QProcess installer;
+    installer.setProcessEnvironment(env);
+    installer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    if (groups.isEmpty()) {
+        installer.start(QStringLiteral(VELD_INSTALLER), QStringList());
+    } else {
+        // A private mount namespace whose /etc/group lacks every administrators' group.
+        QFile file(prefs.path() + QStringLiteral("/group"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(groups);
+        file.close();
+        QStringList args;
+        if (geteuid() != 0)
+            args << QStringLiteral("--map-root-user");
+        args << QStringLiteral("--mount") << QStringLiteral("sh") << QStringLiteral("-c")
+             << QStringLiteral("mount --bind \"$1\" /etc/group && exec \"$2\"") << QStringLiteral("sh")
+             << file.fileName() << QStringLiteral(VELD_INSTALLER);
+        installer.start(QStandardPaths::findExecutable(QStringLiteral("unshare")), args);
+    }
+    auto stop = qScopeGuard([&] {
+        installer.kill();
+        installer.waitForFinished(5000);
+    });
+    QVERIFY(installer.waitForStarted(5000));
+    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith(QLatin1String("---VELDInstaller[")), 15000);
+    QVERIFY(!installer.waitForFinished(500));
 }
 
 QTEST_MAIN(tst_Wizard)
