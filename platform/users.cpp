@@ -12,10 +12,23 @@ namespace {
 
 const int kMaxAttempts = 10;
 
-size_t initialBufferSize(int sysconfName)
+// Calls lookup(buffer, size) with a buffer of the system's suggested size (at
+// least 1024 bytes) that doubles after each ERANGE, for at most 10 attempts.
+// Returns the last result of lookup, which must copy out what it needs.
+template <typename Lookup>
+int withGrowingBuffer(int sysconfName, Lookup lookup)
 {
     const long suggested = sysconf(sysconfName);
-    return suggested > 1024 ? static_cast<size_t>(suggested) : 1024;
+    std::vector<char> buffer(suggested > 1024 ? static_cast<size_t>(suggested) : 1024);
+    int rc = ERANGE;
+    for (int attempt = 1; rc == ERANGE; ++attempt) {
+        rc = lookup(buffer.data(), buffer.size());
+        if (attempt == kMaxAttempts)
+            break;
+        if (rc == ERANGE)
+            buffer.resize(buffer.size() * 2);
+    }
+    return rc;
 }
 
 } // namespace
@@ -24,37 +37,37 @@ uint32_t getGroupId(const char *name)
 {
     if (!name)
         return kUnknownGroupId;
-    std::vector<char> buffer(initialBufferSize(_SC_GETGR_R_SIZE_MAX));
-    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    uint32_t id = kUnknownGroupId;
+    withGrowingBuffer(_SC_GETGR_R_SIZE_MAX, [&](char *buffer, size_t size) {
         group entry;
         group *found = nullptr;
-        const int rc = getgrnam_r(name, &entry, buffer.data(), buffer.size(), &found);
+        const int rc = getgrnam_r(name, &entry, buffer, size, &found);
         if (rc == 0 && found)
-            return static_cast<uint32_t>(found->gr_gid);
-        if (rc != ERANGE)
-            break;
-        buffer.resize(buffer.size() * 2);
-    }
-    return kUnknownGroupId;
+            id = static_cast<uint32_t>(found->gr_gid);
+        return rc;
+    });
+    return id;
 }
 
 std::string getUserName(uid_t uid)
 {
-    std::vector<char> buffer(initialBufferSize(_SC_GETPW_R_SIZE_MAX));
-    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    std::string name;
+    bool found = false;
+    const int rc = withGrowingBuffer(_SC_GETPW_R_SIZE_MAX, [&](char *buffer, size_t size) {
         passwd entry;
-        passwd *found = nullptr;
-        const int rc = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-        if (rc == 0 && found)
-            return std::string(found->pw_name);
-        if (rc != ERANGE) {
-            // The re-entrant call returns its error instead of setting errno.
-            if (rc != 0)
-                errno = rc;
-            break;
+        passwd *result = nullptr;
+        const int status = getpwuid_r(uid, &entry, buffer, size, &result);
+        if (status == 0 && result) {
+            name = result->pw_name;
+            found = true;
         }
-        buffer.resize(buffer.size() * 2);
-    }
+        return status;
+    });
+    if (found)
+        return name;
+    // The re-entrant call returns its error instead of setting errno.
+    if (rc != 0)
+        errno = rc;
     const int error = errno;
     fprintf(stderr, "System call 'getpwuid_r' failed with errno=%d\n    %s\n", error, strerror(error));
     fflush(stderr);

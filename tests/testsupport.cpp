@@ -5,6 +5,9 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
+
+#include <unistd.h>
 
 ProcessResult runProcess(const QString &program, const QStringList &args, const QProcessEnvironment &env)
 {
@@ -53,6 +56,17 @@ QString placeProbe(const QString &path)
         return QString();
     QFile::setPermissions(path, QFile::permissions(path) | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther);
     return path;
+}
+
+QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args)
+{
+    QStringList command{QStandardPaths::findExecutable(QStringLiteral("unshare"))};
+    if (geteuid() != 0)
+        command << QStringLiteral("--map-root-user");
+    command << QStringLiteral("--mount") << QStringLiteral("sh") << QStringLiteral("-c")
+            << QStringLiteral("mount --bind \"$1\" /etc/group && shift && exec \"$@\"") << QStringLiteral("sh")
+            << groupFile << program << args;
+    return command;
 }
 
 ScratchPreferences::ScratchPreferences()

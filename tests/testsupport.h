@@ -30,6 +30,13 @@ QString placeProbe(const QString &path);
 bool copyFileTo(const QString &source, const QString &target);
 
 /**
+ * The unshare(1) command line that runs program with args in a private mount
+ * namespace whose /etc/group is groupFile (as root, or as an ordinary user
+ * mapped to root in a user namespace). The first element is the program to start.
+ */
+QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args = {});
+
+/**
  * A private pair of preference folders (per user and system-wide) for tests.
  * Nothing outside its temporary folder is read or written.
  */

@@ -12,7 +12,6 @@
 #include <QCheckBox>
 #include <QFile>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QLabel>
 #include <QResource>
 #include <QScopeGuard>
@@ -20,7 +19,6 @@
 #include <QTimer>
 #include <QtTest>
 
-#include <unistd.h>
 
 namespace {
 
@@ -264,13 +262,8 @@ void tst_Wizard::realInstallerStarts()
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(groups);
         file.close();
-        QStringList args;
-        if (geteuid() != 0)
-            args << QStringLiteral("--map-root-user");
-        args << QStringLiteral("--mount") << QStringLiteral("sh") << QStringLiteral("-c")
-             << QStringLiteral("mount --bind \"$1\" /etc/group && exec \"$2\"") << QStringLiteral("sh")
-             << file.fileName() << QStringLiteral(VELD_INSTALLER);
-        installer.start(QStandardPaths::findExecutable(QStringLiteral("unshare")), args);
+        const QStringList command = withGroupDatabase(file.fileName(), QStringLiteral(VELD_INSTALLER));
+        installer.start(command.first(), command.mid(1));
     }
     auto stop = qScopeGuard([&] {
         installer.kill();
