@@ -3,6 +3,7 @@
 #include "executable.h"
 #include "prefstore.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -42,16 +43,6 @@ void vlogPrefixed(const char *format, va_list args)
 
 } // namespace
 
-void cleanLogBannerName(char *name)
-{
-    char *out = name;
-    for (const char *in = name; *in; ++in) {
-        if (*in != ' ' && *in != '\'')
-            *out++ = *in;
-    }
-    *out = '\0';
-}
-
 bool ShouldStartMacLogging()
 {
     if (logfp)
@@ -65,9 +56,9 @@ bool ShouldStartMacLogging()
     if (slash == std::string::npos)
         return false;
 
+    // The banner and the preference key are the file name without blanks and apostrophes.
     std::string name = exe.substr(slash + 1);
-    cleanLogBannerName(&name[0]);
-    name.resize(strlen(name.c_str()));
+    name.erase(std::remove_if(name.begin(), name.end(), [](char c) { return c == ' ' || c == '\''; }), name.end());
     setBanner(name.c_str());
 
     const std::string key = name + "_LogLocation";

@@ -61,8 +61,4 @@ char *datestr_file(char *buffer);
  *  the first line break). Returns the position of the terminating NUL. */
 char *fileNameFromDateStamp(char *stamp);
 
-/** The executable's file name as it appears in the log banner and the preference key:
- *  every blank and apostrophe removed. */
-void cleanLogBannerName(char *name);
-
 #endif
