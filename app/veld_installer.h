@@ -1,18 +1,12 @@
 #ifndef VELD_APP_VELD_INSTALLER_H
 #define VELD_APP_VELD_INSTALLER_H
 
+#include "pages/pageids.h"
+
 #include <QWizard>
 
 #include <cstdint>
 #include <string>
-
-/** Page ids. They are not in display order (1, 0, 2, 3); other code addresses the source page as 0. */
-enum VeldPageId {
-    kSourcePageId = 0,
-    kEulaPageId = 1,
-    kPickDestPageId = 2,
-    kConclusionPageId = 3,
-};
 
 /** The installer's wizard: the four pages, the title, the artwork; it opens the log. */
 class VELD_Installer : public QWizard

@@ -1,6 +1,7 @@
 #include "eulapage.h"
 
-#include "app/veld_installer.h"
+#include "pageids.h"
+
 #include "platform/installpath.h"
 
 #include <QCheckBox>

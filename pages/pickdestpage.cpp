@@ -1,6 +1,6 @@
 #include "pickdestpage.h"
 
-#include "app/veld_installer.h"
+#include "pageids.h"
 
 PickDestPage::PickDestPage(QWidget *parent)
     : QWizardPage(parent)

@@ -1,6 +1,6 @@
 #include "sourcepage.h"
 
-#include "app/veld_installer.h"
+#include "pageids.h"
 
 SourcePage::SourcePage(QWidget *parent)
     : QWizardPage(parent)

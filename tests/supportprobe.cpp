@@ -65,9 +65,6 @@ int main(int argc, char **argv)
                 printf("sym=%d\n", reinterpret_cast<int (*)()>(address)());
             else
                 printf("sym=null\n");
-        } else if (command == "free") {
-            printf("free=%d\n", FreeLibrary(library));
-            library = nullptr;
         } else if (command == "gid" && hasArg) {
             printf("gid=%u\n", getGroupId(argv[++i]));
         } else if (command == "user" && hasArg) {

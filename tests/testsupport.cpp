@@ -27,11 +27,13 @@ ProcessResult runProcess(const QString &program, const QStringList &args, const 
     return result;
 }
 
+const QString kLogDateStampPattern =
+    QStringLiteral("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+                   "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
+
 QStringList logMessages(const QString &path)
 {
-    static const QRegularExpression prefix(QStringLiteral(
-        "^\\[[^ \\]]* -?\\d+\\](Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
-        "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}: "));
+    static const QRegularExpression prefix(QStringLiteral("^\\[[^ \\]]* -?\\d+\\]") + kLogDateStampPattern + QStringLiteral(": "));
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return QStringList();

@@ -17,6 +17,9 @@ struct ProcessResult {
 ProcessResult runProcess(const QString &program, const QStringList &args,
                          const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 
+/** A regular expression for the log's date stamp (asctime_r without its newline). */
+extern const QString kLogDateStampPattern;
+
 /**
  * The lines of a log file, with the "[banner pid]date: " prefix taken off the
  * lines that carry it; an unreadable file gives no lines.

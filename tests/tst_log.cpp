@@ -10,9 +10,6 @@
 
 namespace {
 
-const QString kStamp = QStringLiteral("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
-                                      "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
-
 QString effectiveUserLine()
 {
     const passwd *pw = getpwuid(geteuid());
@@ -90,7 +87,7 @@ void tst_Log::dateStamps()
     MDAC_log_datestr(mdac);
     const char *end = datestr_file(file);
     QCOMPARE(end, file + strlen(file));
-    const QRegularExpression stamp(QRegularExpression::anchoredPattern(kStamp));
+    const QRegularExpression stamp(QRegularExpression::anchoredPattern(kLogDateStampPattern));
     QVERIFY2(stamp.match(QLatin1String(plain)).hasMatch(), plain);
     QVERIFY2(stamp.match(QLatin1String(mdac)).hasMatch(), mdac);
     // Up to the minute: the stamps may straddle a second.
@@ -158,7 +155,7 @@ void tst_Log::startFromPreference()
     QVERIFY2(start.hasMatch(), qPrintable(lines[0]));
     QCOMPARE(lines[1], effectiveUserLine());
     // No blank between "]" and the date.
-    const QString line = QStringLiteral("^\\[%1 %2\\]%3: hello$").arg(QRegularExpression::escape(banner), start.captured(1), kStamp);
+    const QString line = QStringLiteral("^\\[%1 %2\\]%3: hello$").arg(QRegularExpression::escape(banner), start.captured(1), kLogDateStampPattern);
     QVERIFY2(QRegularExpression(line).match(lines[2]).hasMatch(), qPrintable(lines[2]));
     QCOMPARE(lines[3], QString());
 }
@@ -184,7 +181,7 @@ void tst_Log::callSequences_data()
         << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"}
         << QStringList{started.arg("Exchange"), user, "done"} << false;
     // An unended message runs into the next line's prefix, which shows where it was cut.
-    const QString cut = QStringLiteral("x{%1}\\[B \\d+\\]") + kStamp + QStringLiteral(": ");
+    const QString cut = QStringLiteral("x{%1}\\[B \\d+\\]") + kLogDateStampPattern + QStringLiteral(": ");
     for (int length : {8190, 8191, 8192, 20000})
         QTest::addRow("message of %d", length)
             << QStringList{"open", "%1", "B", "long", QString::number(length), "msg", ""}
