@@ -1,0 +1,3 @@
+#include "pagestate.h"
+
+QList<QFileInfo> sResultList;

@@ -1,0 +1,87 @@
+#ifndef VELD_WORKERS_SIZETHREAD_H
+#define VELD_WORKERS_SIZETHREAD_H
+
+#include <QFileInfo>
+#include <QList>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+#include <mutex>
+
+/**
+ * Measures the database's data files below one folder on a thread of its own.
+ *
+ * A finished run adds the files it found to sResultList as one block, in the
+ * order the walk met them, on the thread the object lives on (the user-interface
+ * thread) and before any queued receiver of pathSize runs; then pathSize is
+ * delivered. Two scans therefore never interleave their entries, and nothing
+ * but that thread ever touches sResultList.
+ *
+ * Destroying the object while it walks stops the walk within one entry and
+ * waits for the thread: nothing is published and pathSize is not emitted.
+ */
+class SizeThread : public QThread
+{
+    Q_OBJECT
+
+public:
+    SizeThread(QObject *parent, QString path);
+    ~SizeThread() override;
+
+    /**
+     * The total size in bytes of the data files below path, each of which is
+     * appended to list in the order the walk meets it. A data file is a regular
+     * file whose complete suffix is exactly qventry, qvkentry, qvindex or
+     * qvkindex. Sub-folders (hidden ones too) are walked depth-first in the file
+     * system's own order; symbolic links and special files are left out. A path
+     * that is not a readable folder gives 0 and appends nothing.
+     */
+    static quint64 dirSize(const QString &path, QList<QFileInfo> &list);
+
+    /** True when name's complete suffix is one of the four data suffixes. */
+    static bool isDataFileName(const char *name);
+
+    /**
+     * Stops this scan without a result: the walk ends within one entry, its
+     * files never reach sResultList and, unless the walk had already ended,
+     * pathSize is not emitted. User-interface thread only.
+     */
+    void cancel();
+
+    /**
+     * Runs the event loop until every started scan has ended and delivered its
+     * result (its queued pathSize receivers have run), or was cancelled or
+     * destroyed; the window stays responsive meanwhile. Returns true at once
+     * when no scan runs, and false when the application quit before the scans
+     * ended. User-interface thread only; the caller must guard against its own
+     * re-entry while it waits.
+     */
+    static bool waitForScans();
+
+    /** True while a started scan has not ended or not yet delivered its result. */
+    static bool scansPending();
+
+signals:
+    void pathSize(QString path, quint64 totalSize);
+
+protected:
+    void run() override;
+
+private:
+    void publish();
+    bool pending();
+
+    quint64 totalSize = 0;
+    const QString path;
+
+    std::atomic<bool> m_cancelled{false};
+    // Hands the scan's files to the owner's thread. Its last lock in run() also
+    // marks the end of the thread's use of this object for the destructor.
+    std::mutex m_foundMutex;
+    QList<QFileInfo> m_found;
+    bool m_resultReady = false;      // guarded by m_foundMutex
+    bool m_published = false;        // owner's thread only
+};
+
+#endif
