@@ -7,6 +7,7 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 ProcessResult runProcess(const QString &program, const QStringList &args, const QProcessEnvironment &env)
@@ -52,6 +53,21 @@ bool copyFileTo(const QString &source, const QString &target)
     return QFile::copy(source, target);
 }
 
+bool makeFile(const QString &path, qint64 size)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(size);
+}
+
+QStringList asUnprivilegedUser(const QString &program, const QStringList &args)
+{
+    if (::geteuid() != 0)
+        return QStringList{program} + args;
+    return QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                       QStringLiteral("--clear-groups"), QStringLiteral("--"), program} + args;
+}
+
 QString placeProbe(const QString &path)
 {
     if (!copyFileTo(QStringLiteral(VELD_SUPPORTPROBE), path))
@@ -60,15 +76,58 @@ QString placeProbe(const QString &path)
     return path;
 }
 
-QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args)
+namespace {
+
+// program with args in a private mount namespace, after the shell command
+// setup (which sees its own arguments as "$1" ...) has run there.
+QStringList inPrivateMounts(const QString &setup, const QStringList &setupArgs, const QString &program,
+                            const QStringList &args)
 {
     QStringList command{QStandardPaths::findExecutable(QStringLiteral("unshare"))};
     if (geteuid() != 0)
         command << QStringLiteral("--map-root-user");
     command << QStringLiteral("--mount") << QStringLiteral("sh") << QStringLiteral("-c")
-            << QStringLiteral("mount --bind \"$1\" /etc/group && shift && exec \"$@\"") << QStringLiteral("sh")
-            << groupFile << program << args;
+            << setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()) << QStringLiteral("sh")
+            << setupArgs << program << args;
     return command;
+}
+
+} // namespace
+
+QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args)
+{
+    return inPrivateMounts(QStringLiteral("mount --bind \"$1\" /etc/group"), {groupFile}, program, args);
+}
+
+QStringList withEmptyMedia(const QString &program, const QStringList &args)
+{
+    return inPrivateMounts(QStringLiteral("mount -t tmpfs tmpfs /media"), {}, program, args);
+}
+
+QString scratchTemplate(const QString &name)
+{
+    const QString base = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm")
+                                                                            : QDir::tempPath();
+    return base + QLatin1Char('/') + name + QStringLiteral("-XXXXXX");
+}
+
+bool buildWideTree(const QString &root, int folders, int filesPerFolder)
+{
+    for (int d = 0; d < folders; ++d) {
+        const QByteArray dir = QFile::encodeName(root) + "/f" + QByteArray::number(d % 10) + "/d" + QByteArray::number(d);
+        if (!QDir().mkpath(QFile::decodeName(dir)))
+            return false;
+        for (int f = 0; f < filesPerFolder; ++f) {
+            const QByteArray name = dir + "/e" + QByteArray::number(f) + (f % 3 ? ".qventry" : ".txt");
+            const int fd = ::open(name.constData(), O_CREAT | O_WRONLY, 0644);
+            const bool written = fd >= 0 && ::write(fd, "x", 1) == 1;
+            if (fd >= 0)
+                ::close(fd);
+            if (!written)
+                return false;
+        }
+    }
+    return true;
 }
 
 ScratchPreferences::ScratchPreferences()

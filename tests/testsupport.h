@@ -40,6 +40,39 @@ bool copyFileTo(const QString &source, const QString &target);
 QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args = {});
 
 /**
+ * Creates a file of the given size (sparse, so sizes of gigabytes cost no disk)
+ * with its folders; false on failure.
+ */
+bool makeFile(const QString &path, qint64 size);
+
+/**
+ * The command line that runs program with args as the unprivileged user
+ * "nobody" when this process is root (through setpriv), or as it is otherwise.
+ * The first element is the program to start.
+ */
+QStringList asUnprivilegedUser(const QString &program, const QStringList &args = {});
+
+/**
+ * The command line that runs program with args in a private mount namespace
+ * whose /media is an empty memory file system, so that no removable disk of
+ * the machine is seen and the program may create its own there.
+ */
+QStringList withEmptyMedia(const QString &program, const QStringList &args = {});
+
+/**
+ * A QTemporaryDir template for name on a memory file system where the machine
+ * has one (making tens of thousands of files there is quick), else in the
+ * temporary folder.
+ */
+QString scratchTemplate(const QString &name);
+
+/**
+ * Fills root with folders x filesPerFolder files of 1 byte, spread over two
+ * levels of folders; two files in three are data files (".qventry").
+ */
+bool buildWideTree(const QString &root, int folders, int filesPerFolder);
+
+/**
  * A private pair of preference folders (per user and system-wide) for tests.
  * Nothing outside its temporary folder is read or written.
  */

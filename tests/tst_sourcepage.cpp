@@ -1,0 +1,394 @@
+#include "app/veld_installer.h"
+#include "pages/pageids.h"
+#include "pages/pagestate.h"
+#include "pages/sourcepage.h"
+#include "platform/installpath.h"
+#include "workers/sizethread.h"
+#include "testsupport.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QtTest>
+
+#include <unistd.h>
+
+// The page's cases run in a copy of this program placed in a bundle laid out in
+// a temporary folder, in a mount namespace with an empty /media: there the
+// candidates beside the bundle and on the removable disk are exactly what the
+// case makes them. The copy runs one function of SourcePageScenarios.
+
+namespace {
+
+const QString kFixedMessage = QStringLiteral(
+    "This Installer will copy or move the Quorvan Spectra and Properties Database from the source folders to your "
+    "hard disk.\n\nThe databases will occupy approximately %1 GB  of additional disk space.");
+const QString kChosenMessage = QStringLiteral(
+    "This Installer will copy or move the Quorvan Spectra and Properties Database from \"%1\" to your hard "
+    "disk.\n\nThe databases will occupy approximately %2 GB  of additional disk space.");
+const QString kNotFound = QStringLiteral(
+    "The VELDV400 database source folder was not found.\nPlease press \"Find data files\" to locate the "
+    "\"VELDV400\" database source files folder.");
+const QString kNoDataFiles = QStringLiteral(
+    "No VELDV400 database files were found in %1.\nPlease press \"Find data files\" to locate the \"VELDV400\" "
+    "database source files folder.");
+
+struct PageView {
+    SourcePage *page;
+    QLabel *label;
+    QPushButton *find;
+    QAbstractButton *next;
+};
+
+PageView view(QWizard &wizard)
+{
+    auto *page = qobject_cast<SourcePage *>(wizard.page(kSourcePageId));
+    return {page, page->findChild<QLabel *>(), page->findChild<QPushButton *>(), wizard.button(QWizard::NextButton)};
+}
+
+// From the agreement to the source page, as a user gets there.
+void goToSourcePage(QWizard &wizard)
+{
+    wizard.show();
+    QCheckBox *box = wizard.page(kEulaPageId)->findChild<QCheckBox *>();
+    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, QPoint(6, box->height() / 2));
+    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+}
+
+// Answers the folder dialog when it opens: the folder, or a cancel for an empty
+// path. What the dialog showed is kept for the test to check.
+struct DialogAnswer {
+    QString caption;
+    QString startFolder;
+    bool dirsOnly = false;
+    bool answered = false;
+
+    void arm(const QString &folder)
+    {
+        answered = false;
+        auto *poll = new QTimer;
+        QObject::connect(poll, &QTimer::timeout, [this, poll, folder] {
+            auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+            if (!dialog)
+                return;
+            caption = dialog->windowTitle();
+            startFolder = dialog->directory().absolutePath();
+            dirsOnly = dialog->testOption(QFileDialog::ShowDirsOnly);
+            answered = true;
+            if (folder.isEmpty()) {
+                dialog->reject();
+            } else {
+                // Typed into the name field and confirmed, as a user would.
+                auto *name = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"));
+                name->setText(folder);
+                QTest::keyClick(name, Qt::Key_Return);
+            }
+            poll->deleteLater();
+        });
+        poll->start(10);
+    }
+};
+
+QList<QFileInfo> filesBelow(const QString &folder)
+{
+    QList<QFileInfo> list;
+    SizeThread::dirSize(folder, list);
+    return list;
+}
+
+} // namespace
+
+class SourcePageScenarios : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
+    void fixedSource();
+    void chooseFolder_data();
+    void chooseFolder();
+    void closeWhileScanning_data();
+    void closeWhileScanning();
+};
+
+// VELD_REMOVABLE_BYTES asks for a data file of that size on the removable
+// disk; VELD_EXPECT_BYTES is the total the page must show, or "none".
+void SourcePageScenarios::fixedSource()
+{
+    const QByteArray removableBytes = qgetenv("VELD_REMOVABLE_BYTES");
+    if (!removableBytes.isEmpty())
+        QVERIFY(makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removableBytes.toLongLong()));
+    const QByteArray expected = qgetenv("VELD_EXPECT_BYTES");
+
+    VELD_Installer wizard;
+    const PageView source = view(wizard);
+    // Before any event is processed, so before any scan can have reported.
+    QCOMPARE(source.page->dbSize, quint64(0));
+    QCOMPARE(source.find->isHidden(), expected != "none");
+    if (expected == "none") {
+        QCOMPARE(source.label->text(), kNotFound);
+        QVERIFY(!source.page->isComplete());
+        QVERIFY(!SizeThread::scansPending());
+    } else {
+        QCOMPARE(source.label->text(), QString());
+        QVERIFY(source.page->isComplete());
+        QVERIFY(SizeThread::scansPending());
+    }
+    goToSourcePage(wizard);
+    QCOMPARE(wizard.currentId(), kSourcePageId);
+    QVERIFY(SizeThread::waitForScans());
+
+    if (expected == "none") {
+        QVERIFY(source.find->isVisible());
+        QVERIFY(!source.next->isEnabled());
+        QCOMPARE(source.label->text(), kNotFound);
+        return;
+    }
+    const quint64 total = expected.toULongLong();
+    QCOMPARE(source.page->dbSize, total);
+    QCOMPARE(source.label->text(), kFixedMessage.arg(sizeFigure(total)));
+    QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+    QVERIFY(source.next->isEnabled());
+    QVERIFY(source.find->isHidden());
+    // Leaving and coming back changes nothing.
+    wizard.next();
+    wizard.back();
+    QCOMPARE(source.label->text(), kFixedMessage.arg(sizeFigure(total)));
+    QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+    QCOMPARE(source.page->dbSize, total);
+}
+
+void SourcePageScenarios::chooseFolder_data()
+{
+    QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
+    QTest::newRow("MyData with 5 GB") << QStringList{"Data/MyData"};
+    QTest::newRow("MyData without data files") << QStringList{"Empty/MyData"};
+    QTest::newRow("dialog cancelled") << QStringList{""};
+    QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
+    QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
+}
+
+void SourcePageScenarios::chooseFolder()
+{
+    QFETCH(QStringList, choices);
+    QTemporaryDir home(scratchTemplate(QStringLiteral("home")));
+    QVERIFY(makeFile(home.path() + "/Data/MyData/x.qventry", 4000000000));
+    QVERIFY(makeFile(home.path() + "/Data/MyData/deeper/y.qvindex", 1000000000));
+    QVERIFY(makeFile(home.path() + "/Data/MyData/notes.txt", 7));
+    QVERIFY(makeFile(home.path() + "/Empty/MyData/readme.txt", 100));
+    QVERIFY(buildWideTree(home.path() + "/Big", 40, 300));
+    qputenv("HOME", QFile::encodeName(home.path()));
+    const int listedBefore = sResultList.size();
+
+    VELD_Installer wizard;
+    const PageView source = view(wizard);
+    goToSourcePage(wizard);
+    QVERIFY(!source.next->isEnabled());
+    DialogAnswer answer;
+    for (const QString &choice : choices) {
+        answer.arm(choice.isEmpty() ? QString() : home.path() + QLatin1Char('/') + choice);
+        QTest::mouseClick(source.find, Qt::LeftButton);
+        QVERIFY(answer.answered);
+        QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
+        QCOMPARE(answer.startFolder, home.path());
+        QVERIFY(answer.dirsOnly);
+        if (source.find->isHidden())   // an earlier choice was measured meanwhile
+            break;
+        QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
+    }
+    QVERIFY(SizeThread::waitForScans());
+
+    const QString last = choices.last();
+    if (last.isEmpty()) {
+        QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
+        QVERIFY(source.find->isVisible());
+        QVERIFY(!source.next->isEnabled());
+        QCOMPARE(source.page->dbSize, quint64(0));
+    } else if (last.startsWith(QLatin1String("Empty"))) {
+        QCOMPARE(source.label->text(), kNoDataFiles.arg(QStringLiteral("MyData")));
+        QVERIFY(source.find->isVisible());
+        QVERIFY(!source.next->isEnabled());
+        QCOMPARE(source.page->dbSize, quint64(0));
+    } else {
+        // Whichever choice the page settled on, it shows that folder, and the
+        // list holds that folder's files and no one else's.
+        const QString shown = source.label->text().contains(QLatin1String("\"MyData\"")) ? last : choices.first();
+        const QList<QFileInfo> expected = filesBelow(home.path() + QLatin1Char('/') + shown);
+        quint64 total = 0;
+        for (const QFileInfo &file : expected)
+            total += quint64(file.size());
+        QCOMPARE(source.label->text(), kChosenMessage.arg(QFileInfo(shown).fileName(), sizeFigure(total)));
+        QCOMPARE(source.page->dbSize, total);
+        QCOMPARE(sResultList.size() - listedBefore, expected.size());
+        for (int i = 0; i < expected.size(); ++i)
+            QCOMPARE(sResultList.at(listedBefore + i).filePath(), expected.at(i).filePath());
+        QVERIFY(source.find->isHidden());
+        QVERIFY(!source.find->isDefault());
+        QVERIFY(source.next->isEnabled());
+        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+        if (shown == QLatin1String("Data/MyData"))
+            QCOMPARE(sizeFigure(total), QStringLiteral("5.00"));
+    }
+}
+
+void SourcePageScenarios::closeWhileScanning_data()
+{
+    QTest::addColumn<bool>("viaCancelButton");
+    QTest::newRow("Cancel") << true;
+    QTest::newRow("window closed") << false;
+}
+
+// The wizard is left while the scan of a large folder runs: the event loop ends
+// with 0 and the wizard goes away long before the walk would have ended.
+void SourcePageScenarios::closeWhileScanning()
+{
+    QFETCH(bool, viaCancelButton);
+    const QString tree = QString::fromStdString(GetInstallPath()) + QStringLiteral("/../VELDV400");
+    filesBelow(tree);   // warms the cache
+    QElapsedTimer timer;
+    timer.start();
+    filesBelow(tree);
+    const qint64 walkMs = timer.elapsed();
+
+    qint64 closedAt = -1;
+    bool scanning = false;
+    int status = -1;
+    {
+        VELD_Installer wizard;
+        wizard.show();
+        QTimer::singleShot(0, &wizard, [&] {
+            scanning = SizeThread::scansPending();
+            closedAt = timer.elapsed();
+            if (viaCancelButton)
+                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+            else
+                wizard.close();
+        });
+        timer.start();
+        status = QApplication::exec();
+    }
+    const qint64 stopMs = timer.elapsed() - closedAt;
+    QCOMPARE(status, 0);
+    QVERIFY2(scanning, "the scan ended before the wizard was closed; the tree is too small");
+    QVERIFY(!SizeThread::scansPending());
+    QVERIFY2(stopMs * 4 < walkMs, qPrintable(QStringLiteral("%1 ms to close, %2 ms to walk").arg(stopMs).arg(walkMs)));
+}
+
+class tst_SourcePage : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void sizeFigure_data();
+    void sizeFigure();
+    void fixedSource_data();
+    void fixedSource();
+    void chooseFolder();
+    void closeWhileScanning();
+
+private:
+    // Runs a scenario in a copy of this program in a bundle inside layout.
+    void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env);
+};
+
+void tst_SourcePage::sizeFigure_data()
+{
+    QTest::addColumn<quint64>("bytes");
+    QTest::addColumn<QString>("figure");
+    QTest::newRow("12345678901") << quint64(12345678901) << "12.35";
+    QTest::newRow("999999999 rounds up") << quint64(999999999) << "1.00";
+    QTest::newRow("4999999 rounds down") << quint64(4999999) << "0.00";
+    QTest::newRow("1 byte") << quint64(1) << "0.00";
+    QTest::newRow("0 bytes") << quint64(0) << "0.00";
+    QTest::newRow("5000000000") << quint64(5000000000) << "5.00";
+    QTest::newRow("1234 GB, no grouping") << quint64(1234000000000) << "1234.00";
+    QTest::newRow("largest") << quint64(18446744073709551615u) << "18446744073.71";
+}
+
+// The same figure whatever the user's locale.
+void tst_SourcePage::sizeFigure()
+{
+    QFETCH(quint64, bytes);
+    QFETCH(QString, figure);
+    for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
+        QLocale::setDefault(locale);
+        QCOMPARE(::sizeFigure(bytes), figure);
+    }
+    QLocale::setDefault(QLocale::c());
+}
+
+void tst_SourcePage::runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env)
+{
+    const QString program = layout + QStringLiteral("/Test Installer.app/Contents/MacOS/tst_sourcepage");
+    QVERIFY(copyFileTo(QCoreApplication::applicationFilePath(), program));
+    QVERIFY(QFile::setPermissions(program, QFile::permissions(program) | QFile::ExeOwner));
+    const QStringList command = withEmptyMedia(program, {QStringLiteral("--scenario"), scenario});
+    QProcess child;
+    child.setProcessEnvironment(env);
+    child.setProcessChannelMode(QProcess::MergedChannels);
+    child.start(command.first(), command.mid(1));
+    QVERIFY(child.waitForFinished(240000));
+    const QString output = QString::fromLocal8Bit(child.readAll());
+    QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, qPrintable(output));
+    QVERIFY2(output.contains(QStringLiteral("0 failed, 0 skipped")), qPrintable(output));
+}
+
+void tst_SourcePage::fixedSource_data()
+{
+    QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
+    QTest::addColumn<QString>("removable");   // size of a data file on the removable disk, or empty
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("beside the bundle") << QStringList{"a.qventry:1500000000", "s/b.qvkentry:4000000", "c.txt:9"}
+                                       << QString() << "1504000000";
+    QTest::newRow("only on the removable disk") << QStringList{} << "2222222222" << "2222222222";
+    QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << "2222222222" << "10";
+    QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << QString() << "0";
+    QTest::newRow("neither") << QStringList{} << QString() << "none";
+}
+
+void tst_SourcePage::fixedSource()
+{
+    QFETCH(QStringList, beside);
+    QFETCH(QString, removable);
+    QFETCH(QString, expected);
+    QTemporaryDir layout;
+    for (const QString &file : beside) {
+        const QStringList part = file.split(QLatin1Char(':'));
+        QVERIFY(makeFile(layout.path() + "/VELDV400/" + part.at(0), part.at(1).toLongLong()));
+    }
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("VELD_REMOVABLE_BYTES"), removable);
+    env.insert(QStringLiteral("VELD_EXPECT_BYTES"), expected);
+    runScenario(layout.path(), QStringLiteral("fixedSource"), env);
+}
+
+void tst_SourcePage::chooseFolder()
+{
+    QTemporaryDir layout;
+    runScenario(layout.path(), QStringLiteral("chooseFolder"), QProcessEnvironment::systemEnvironment());
+}
+
+void tst_SourcePage::closeWhileScanning()
+{
+    QTemporaryDir layout(scratchTemplate(QStringLiteral("tst_sourcepage")));
+    QVERIFY(buildWideTree(layout.path() + QStringLiteral("/VELDV400"), 100, 300));
+    runScenario(layout.path(), QStringLiteral("closeWhileScanning"), QProcessEnvironment::systemEnvironment());
+}
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    if (argc == 3 && qstrcmp(argv[1], "--scenario") == 0) {
+        SourcePageScenarios scenarios;
+        return QTest::qExec(&scenarios, QStringList{QString::fromLocal8Bit(argv[0]), QString::fromLocal8Bit(argv[2])});
+    }
+    tst_SourcePage test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_sourcepage.moc"
