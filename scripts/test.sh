@@ -2,6 +2,7 @@
 # Builds the installer and runs its tests.
 #   scripts/test.sh                          plain build in build/
 #   scripts/test.sh --sanitize address,undefined   sanitizer build in build-address-undefined/
+#   scripts/test.sh --sanitize thread -- -L thread  the threaded tests under ThreadSanitizer
 # Extra arguments after "--" go to ctest (e.g. -- -L unit).
 set -euo pipefail
 
@@ -27,5 +28,7 @@ cmake --build "$build" -j"$(nproc)"
 export QT_QPA_PLATFORM=offscreen
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+# The distribution's Qt is not instrumented; tests/tsan.supp says what that hides.
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp}"
 cd "$build"
 ctest --output-on-failure "$@"
