@@ -22,17 +22,26 @@
 namespace {
 
 const char *const kUsage =
-    "usage: make_sample_db [--files N] [--bytes TOTAL] [--depth D] [--seed S] [--force] OUTDIR\n"
+    "usage: make_sample_db [--files N] [--bytes TOTAL] [--depth D] [--seed S] [--folders N]\n"
+    "                      [--others N] [--force] OUTDIR\n"
     "  --files N      number of data files, 0..10000000 (default 200)\n"
     "  --bytes TOTAL  exact sum of the data file sizes (default 30000000); a K, M or G\n"
     "                 suffix multiplies by 1024, 1024^2 or 1024^3\n"
     "  --depth D      deepest sub-folder level below OUTDIR, 0..32 (default 3)\n"
     "  --seed S       unsigned 64-bit seed for sizes and contents (default 1)\n"
+    "  --folders N    further folders, 0..1000000 (default 0), eight to a parent in a tree\n"
+    "                 below OUTDIR (dir_0001..dir_0008, dir_0001/dir_0009, ...); the data\n"
+    "                 files and the --others files are dealt over them as well\n"
+    "  --others N     further plain files that are not data files, 0..10000000 (default 0):\n"
+    "                 extra_0001.txt, extra_0002.qventry.bak, extra_0003.tar.qvindex,\n"
+    "                 EXTRA_0004.QVKENTRY, extra_0005.qvkindex~, ...; outside TOTAL\n"
     "  --force        empty a non-empty OUTDIR first instead of refusing\n"
     "Data files have one of the suffixes qventry, qvkentry, qvindex, qvkindex and sit in\n"
     "normal and hidden folders. README.txt, index.qventry.bak, UPPER.QVENTRY,\n"
     "archive.tar.qvindex and the symlink link_to_data.qventry are decoys outside TOTAL.\n"
-    "Prints: data_files=<count> data_bytes=<total> dir=<OUTDIR>\n";
+    "Prints: data_files=<count> data_bytes=<total> dir=<OUTDIR> folders=<count> others=<count>\n"
+    "where folders counts every sub-folder of OUTDIR and others every entry that is neither\n"
+    "a folder nor a data file, so that the three counts add up to the entries below OUTDIR.\n";
 
 struct IoError {
     std::string path;
@@ -72,6 +81,14 @@ std::uint64_t parseNumber(const std::string &option, const std::string &text, bo
     return value << shift;
 }
 
+// The decimal number n, zero-padded on the left to width digits.
+std::string padded(std::uint64_t n, std::size_t width)
+{
+    std::string number = std::to_string(n);
+    number.insert(0, width - std::min(width, number.size()), '0');
+    return number;
+}
+
 struct DataFile {
     std::string relPath;
     std::uint64_t size;
@@ -94,6 +111,22 @@ std::vector<std::string> folderLayout(unsigned depth)
             folders.push_back("group_1/.staging");
     }
     return folders;
+}
+
+// The --folders tree, parents first: folder k (from 1) sits in folder
+// (k - 1) / kFanOut, where 0 stands for OUTDIR itself. A fixed fan-out keeps
+// the tree shallow (depth grows with the logarithm of the count) yet branching.
+std::vector<std::string> extraFolders(std::uint64_t count)
+{
+    constexpr std::uint64_t kFanOut = 8;
+    const std::size_t width = std::max<std::size_t>(4, std::to_string(count).size());
+    std::vector<std::string> paths;
+    paths.reserve(count);
+    for (std::uint64_t k = 1; k <= count; ++k) {
+        const std::uint64_t parent = (k - 1) / kFanOut;
+        paths.push_back((parent == 0 ? std::string() : paths[parent - 1] + "/") + "dir_" + padded(k, width));
+    }
+    return paths;
 }
 
 // Weights are skewed towards small files, as in real data sets; every 64th file
@@ -202,7 +235,7 @@ std::string join(const std::string &dir, const std::string &rel)
 
 int main(int argc, char **argv)
 {
-    std::uint64_t files = 200, total = 30000000, depth = 3, seed = 1;
+    std::uint64_t files = 200, total = 30000000, depth = 3, seed = 1, extraDirs = 0, others = 0;
     bool force = false;
     std::string outDir;
     for (int i = 1; i < argc; ++i) {
@@ -211,7 +244,8 @@ int main(int argc, char **argv)
         if (arg.rfind("--", 0) == 0 && eq != std::string::npos) {
             value = arg.substr(eq + 1);
             arg.resize(eq);
-        } else if (arg == "--files" || arg == "--bytes" || arg == "--depth" || arg == "--seed") {
+        } else if (arg == "--files" || arg == "--bytes" || arg == "--depth" || arg == "--seed" || arg == "--folders"
+                   || arg == "--others") {
             if (i + 1 >= argc)
                 usageError(arg + " needs a value");
             value = argv[++i];
@@ -229,6 +263,10 @@ int main(int argc, char **argv)
             depth = parseNumber(arg, value, false);
         } else if (arg == "--seed") {
             seed = parseNumber(arg, value, false);
+        } else if (arg == "--folders") {
+            extraDirs = parseNumber(arg, value, false);
+        } else if (arg == "--others") {
+            others = parseNumber(arg, value, false);
         } else if (arg.size() > 1 && arg[0] == '-') {
             usageError("unknown option " + arg);
         } else if (outDir.empty() && !arg.empty()) {
@@ -243,10 +281,14 @@ int main(int argc, char **argv)
         usageError("--files must be at most 10000000");
     if (depth > 32)
         usageError("--depth must be at most 32");
+    if (extraDirs > 1000000)
+        usageError("--folders must be at most 1000000");
+    if (others > 10000000)
+        usageError("--others must be at most 10000000");
     if (files == 0 && total != 0)
         usageError("--bytes must be 0 when --files is 0");
 
-    std::uint64_t dataCount = 0, dataBytes = 0;
+    std::uint64_t dataCount = 0, dataBytes = 0, folderCount = 0, otherCount = 0;
     try {
         struct stat st;
         if (::lstat(outDir.c_str(), &st) == 0) {
@@ -276,18 +318,23 @@ int main(int argc, char **argv)
         if (ec)
             throw IoError{outDir, ec.value()};
 
-        const std::vector<std::string> folders = folderLayout(unsigned(depth));
-        for (const auto &folder : folders)
-            if (!folder.empty() && ::mkdir(join(outDir, folder).c_str(), 0755) != 0)
+        std::vector<std::string> folders = folderLayout(unsigned(depth));
+        for (auto &folder : extraFolders(extraDirs))
+            folders.push_back(std::move(folder));
+        for (const auto &folder : folders) {
+            if (folder.empty())
+                continue;
+            if (::mkdir(join(outDir, folder).c_str(), 0755) != 0)
                 throw IoError{join(outDir, folder), errno};
+            ++folderCount;
+        }
 
         static const char *const suffixes[] = {"qventry", "qvkentry", "qvindex", "qvkindex"};
         const std::size_t width = std::max<std::size_t>(4, std::to_string(files).size());
         const std::vector<std::uint64_t> sizes = fileSizes(files, total, seed);
         std::vector<DataFile> data;
         for (std::uint64_t i = 0; i < files; ++i) {
-            std::string number = std::to_string(i + 1);
-            number.insert(0, width - number.size(), '0');
+            const std::string number = padded(i + 1, width);
             // Files are dealt round-robin over the folders and suffixes. Once both
             // cycles realign the suffix cycle is shifted by one, so each folder
             // gets every suffix even when the folder count shares a factor with 4.
@@ -300,11 +347,25 @@ int main(int argc, char **argv)
             dataBytes += sizes[i];
         }
 
+        // Names a scanner must reject, some of them one character away from a data name.
+        static const struct { const char *prefix, *suffix; } otherNames[] = {
+            {"extra_", ".txt"}, {"extra_", ".qventry.bak"}, {"extra_", ".tar.qvindex"},
+            {"EXTRA_", ".QVKENTRY"}, {"extra_", ".qvkindex~"}};
+        const std::size_t otherWidth = std::max<std::size_t>(4, std::to_string(others).size());
+        for (std::uint64_t j = 0; j < others; ++j) {
+            // Shifted like the data suffixes, so each folder gets every kind.
+            const auto &kind = otherNames[(j + j / std::lcm<std::uint64_t>(folders.size(), 5)) % 5];
+            const std::string name = kind.prefix + padded(j + 1, otherWidth) + kind.suffix;
+            writeText(join(outDir, join(folders[j % folders.size()], name)), "plain file, not a data file\n");
+            ++otherCount;
+        }
+
         const std::string sub = depth >= 1 ? "group_1/" : "", hidden = depth >= 1 ? ".cache/" : "";
         writeText(join(outDir, "README.txt"), "Sample VELDV400 tree made by make_sample_db; not a data file.\n");
         writeText(join(outDir, "index.qventry.bak"), "backup copy, complete suffix qventry.bak\n");
         writeText(join(outDir, sub + "UPPER.QVENTRY"), "upper-case suffix does not match\n");
         writeText(join(outDir, hidden + "archive.tar.qvindex"), "complete suffix tar.qvindex\n");
+        otherCount += 4;
         if (!data.empty()) {
             // Pointing at the largest file makes a counted link show up in the byte total.
             const DataFile *target = &data.front();
@@ -314,12 +375,14 @@ int main(int argc, char **argv)
             const std::string link = join(outDir, "link_to_data.qventry");
             if (::symlink(target->relPath.c_str(), link.c_str()) != 0)
                 throw IoError{link, errno};
+            ++otherCount;
         }
     } catch (const IoError &e) {
         std::fprintf(stderr, "make_sample_db: %s: %s\n", e.path.c_str(), std::strerror(e.err));
         return 1;
     }
-    std::printf("data_files=%llu data_bytes=%llu dir=%s\n", static_cast<unsigned long long>(dataCount),
-                static_cast<unsigned long long>(dataBytes), outDir.c_str());
+    std::printf("data_files=%llu data_bytes=%llu dir=%s folders=%llu others=%llu\n",
+                static_cast<unsigned long long>(dataCount), static_cast<unsigned long long>(dataBytes), outDir.c_str(),
+                static_cast<unsigned long long>(folderCount), static_cast<unsigned long long>(otherCount));
     return 0;
 }
