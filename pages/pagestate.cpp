@@ -1,3 +1,11 @@
 #include "pagestate.h"
 
+#include <QSpacerItem>
+
 QList<QFileInfo> sResultList;
+bool sCopyFiles = false;
+
+QSpacerItem *sideSpacer()
+{
+    return new QSpacerItem(72, 0, QSizePolicy::Minimum, QSizePolicy::Minimum);
+}

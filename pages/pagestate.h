@@ -4,6 +4,8 @@
 #include <QFileInfo>
 #include <QList>
 
+class QSpacerItem;
+
 /**
  * The data files found by the source scans, in the order found: each finished
  * scan appends its files as one block; nothing is ever removed. Written only on
@@ -11,5 +13,16 @@
  * its own copy there before it starts.
  */
 extern QList<QFileInfo> sResultList;
+
+/**
+ * The destination page's decision, made anew at each Continue there: true when
+ * the files are to be MOVED (source and destination on the same volume), false
+ * when they are to be copied. The name says the opposite; every reader treats
+ * true as move.
+ */
+extern bool sCopyFiles;
+
+/** The 72-pixel blank that the pages put on each side of a centred button. */
+QSpacerItem *sideSpacer();
 
 #endif

@@ -1,6 +1,7 @@
 #include "sourcepage.h"
 
 #include "pageids.h"
+#include "pagestate.h"
 
 #include "platform/installpath.h"
 #include "platform/users.h"
@@ -11,7 +12,6 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
-#include <QSpacerItem>
 #include <QVBoxLayout>
 
 #include <unistd.h>
@@ -36,11 +36,6 @@ const char kScanning[] = "Scanning...";
 bool exists(const std::string &path)
 {
     return ::access(path.c_str(), F_OK) == 0;
-}
-
-QSpacerItem *sideSpacer()
-{
-    return new QSpacerItem(72, 0, QSizePolicy::Minimum, QSizePolicy::Minimum);
 }
 
 } // namespace

@@ -1,0 +1,16 @@
+#ifndef VELD_PLATFORM_LOCATIONS_H
+#define VELD_PLATFORM_LOCATIONS_H
+
+// The fixed folders of the installation, which differ between the systems.
+
+#ifdef __APPLE__
+/** Where the database goes unless the user picks another parent folder. */
+inline constexpr char kDefaultDestination[] = "/Library/Application Support/Halvornworks/VELDV400";
+/** The parent whose volume stands for every destination below it, whether or not the destination exists yet. */
+inline constexpr char kSharedParent[] = "/Library/Application Support";
+#else
+inline constexpr char kDefaultDestination[] = "/usr/local/share/Halvornworks/VELDV400";
+inline constexpr char kSharedParent[] = "/usr/local/share";
+#endif
+
+#endif
