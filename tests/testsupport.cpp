@@ -76,10 +76,6 @@ QString placeProbe(const QString &path)
     return path;
 }
 
-namespace {
-
-// program with args in a private mount namespace, after the shell command
-// setup (which sees its own arguments as "$1" ...) has run there.
 QStringList inPrivateMounts(const QString &setup, const QStringList &setupArgs, const QString &program,
                             const QStringList &args)
 {
@@ -91,8 +87,6 @@ QStringList inPrivateMounts(const QString &setup, const QStringList &setupArgs, 
             << setupArgs << program << args;
     return command;
 }
-
-} // namespace
 
 QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args)
 {

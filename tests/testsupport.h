@@ -34,6 +34,15 @@ bool copyFileTo(const QString &source, const QString &target);
 
 /**
  * The unshare(1) command line that runs program with args in a private mount
+ * namespace (as root, or as an ordinary user mapped to root in a user
+ * namespace), after the shell command setup, which sees setupArgs as "$1" ...,
+ * has run there. The first element is the program to start.
+ */
+QStringList inPrivateMounts(const QString &setup, const QStringList &setupArgs, const QString &program,
+                            const QStringList &args = {});
+
+/**
+ * The unshare(1) command line that runs program with args in a private mount
  * namespace whose /etc/group is groupFile (as root, or as an ordinary user
  * mapped to root in a user namespace). The first element is the program to start.
  */

@@ -5,6 +5,7 @@
 #include "platform/installpath.h"
 #include "workers/sizethread.h"
 #include "testsupport.h"
+#include "wizarddriver.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -49,49 +50,6 @@ PageView view(QWizard &wizard)
     auto *page = qobject_cast<SourcePage *>(wizard.page(kSourcePageId));
     return {page, page->findChild<QLabel *>(), page->findChild<QPushButton *>(), wizard.button(QWizard::NextButton)};
 }
-
-// From the agreement to the source page, as a user gets there.
-void goToSourcePage(QWizard &wizard)
-{
-    wizard.show();
-    QCheckBox *box = wizard.page(kEulaPageId)->findChild<QCheckBox *>();
-    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, QPoint(6, box->height() / 2));
-    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
-}
-
-// Answers the folder dialog when it opens: the folder, or a cancel for an empty
-// path. What the dialog showed is kept for the test to check.
-struct DialogAnswer {
-    QString caption;
-    QString startFolder;
-    bool dirsOnly = false;
-    bool answered = false;
-
-    void arm(const QString &folder)
-    {
-        answered = false;
-        auto *poll = new QTimer;
-        QObject::connect(poll, &QTimer::timeout, [this, poll, folder] {
-            auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
-            if (!dialog)
-                return;
-            caption = dialog->windowTitle();
-            startFolder = dialog->directory().absolutePath();
-            dirsOnly = dialog->testOption(QFileDialog::ShowDirsOnly);
-            answered = true;
-            if (folder.isEmpty()) {
-                dialog->reject();
-            } else {
-                // Typed into the name field and confirmed, as a user would.
-                auto *name = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"));
-                name->setText(folder);
-                QTest::keyClick(name, Qt::Key_Return);
-            }
-            poll->deleteLater();
-        });
-        poll->start(10);
-    }
-};
 
 QList<QFileInfo> filesBelow(const QString &folder)
 {
@@ -289,10 +247,6 @@ private slots:
     void fixedSource();
     void chooseFolder();
     void closeWhileScanning();
-
-private:
-    // Runs a scenario in a copy of this program in a bundle inside layout.
-    void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env);
 };
 
 void tst_SourcePage::sizeFigure_data()
@@ -319,22 +273,6 @@ void tst_SourcePage::sizeFigure()
         QCOMPARE(::sizeFigure(bytes), figure);
     }
     QLocale::setDefault(QLocale::c());
-}
-
-void tst_SourcePage::runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env)
-{
-    const QString program = layout + QStringLiteral("/Test Installer.app/Contents/MacOS/tst_sourcepage");
-    QVERIFY(copyFileTo(QCoreApplication::applicationFilePath(), program));
-    QVERIFY(QFile::setPermissions(program, QFile::permissions(program) | QFile::ExeOwner));
-    const QStringList command = withEmptyMedia(program, {QStringLiteral("--scenario"), scenario});
-    QProcess child;
-    child.setProcessEnvironment(env);
-    child.setProcessChannelMode(QProcess::MergedChannels);
-    child.start(command.first(), command.mid(1));
-    QVERIFY(child.waitForFinished(240000));
-    const QString output = QString::fromLocal8Bit(child.readAll());
-    QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, qPrintable(output));
-    QVERIFY2(output.contains(QStringLiteral("0 failed, 0 skipped")), qPrintable(output));
 }
 
 void tst_SourcePage::fixedSource_data()
@@ -364,20 +302,21 @@ void tst_SourcePage::fixedSource()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("VELD_REMOVABLE_BYTES"), removable);
     env.insert(QStringLiteral("VELD_EXPECT_BYTES"), expected);
-    runScenario(layout.path(), QStringLiteral("fixedSource"), env);
+    runScenario(layout.path(), QStringLiteral("fixedSource"), env, withEmptyMedia);
 }
 
 void tst_SourcePage::chooseFolder()
 {
     QTemporaryDir layout;
-    runScenario(layout.path(), QStringLiteral("chooseFolder"), QProcessEnvironment::systemEnvironment());
+    runScenario(layout.path(), QStringLiteral("chooseFolder"), QProcessEnvironment::systemEnvironment(), withEmptyMedia);
 }
 
 void tst_SourcePage::closeWhileScanning()
 {
     QTemporaryDir layout(scratchTemplate(QStringLiteral("tst_sourcepage")));
     QVERIFY(buildWideTree(layout.path() + QStringLiteral("/VELDV400"), 100, 300));
-    runScenario(layout.path(), QStringLiteral("closeWhileScanning"), QProcessEnvironment::systemEnvironment());
+    runScenario(layout.path(), QStringLiteral("closeWhileScanning"), QProcessEnvironment::systemEnvironment(),
+                withEmptyMedia);
 }
 
 int main(int argc, char **argv)

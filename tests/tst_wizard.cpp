@@ -6,6 +6,7 @@
 #include "platform/installpath.h"
 #include "platform/users.h"
 #include "testsupport.h"
+#include "wizarddriver.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -23,13 +24,6 @@
 namespace {
 
 const QString kWelcome = QStringLiteral("Welcome to the Quorvan Spectra and Properties Database Installer");
-
-// A click where a user would click: on the box's indicator.
-void clickAcceptBox(QWizard &wizard)
-{
-    QCheckBox *box = wizard.page(kEulaPageId)->findChild<QCheckBox *>();
-    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, QPoint(6, box->height() / 2));
-}
 
 bool nextEnabled(QWizard &wizard)
 {
