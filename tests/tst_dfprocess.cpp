@@ -94,7 +94,6 @@ void tst_DfProcess::fakeDf_data()
     QTest::addColumn<QString>("folder");
     QTest::addColumn<qint64>("mebibytes");
     const QByteArray reply = "echo 'Filesystem 1024-blocks Used Available Capacity Mounted on'\n";
-    QTest::newRow("a full disk") << reply + "echo '/dev/sdz1 1000 1000 0 100% /full'\n" << "/full" << qint64(0);
     QTest::newRow("a big disk, blanks and non-ASCII in the folder")
         << reply + "echo '/dev/sdz1 9999999999 1 9999999998 1% /x'\n" << "/Volumes/Big D\u00efsk/VELDV400/" << qint64(9765624);
     QTest::newRow("report on standard error only") << QByteArray("echo 'x 1 2 4096 5' >&2\nexit 1\n") << "/e" << qint64(0);

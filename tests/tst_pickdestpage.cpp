@@ -66,7 +66,7 @@ void choose(QWizard &wizard, const QString &folder)
     QVERIFY(answer.dirsOnly);
 }
 
-// Writes into folder until its file system is full.
+// Writes into folder until its file system is full; the real df then reports 0 free.
 void fill(const QString &folder)
 {
     QFile filler(folder + QStringLiteral("/filler.bin"));
