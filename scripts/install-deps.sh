@@ -8,7 +8,7 @@ packages=(
     build-essential cmake pkg-config
     qtbase5-dev qtbase5-dev-tools
     fonts-dejavu-core
-    util-linux
+    util-linux sudo
 )
 [ "${1:-}" != --run ] || packages+=(xvfb xauth imagemagick)
 

@@ -18,6 +18,8 @@ while [ $# -gt 0 ]; do
 done
 
 "$root/scripts/install-deps.sh"
+# What is built must be readable by the ordinary users of the privileged tests.
+umask 022
 
 build="$root/build"
 [ -z "$sanitize" ] || build="$root/build-${sanitize//,/-}"

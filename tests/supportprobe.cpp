@@ -1,6 +1,7 @@
 // Runs support-library calls named on the command line, in order, and prints
 // each result on a line of its own, so that tests can drive a fresh process
 // under an executable name and a folder layout of their choosing.
+#include "platform/authority.h"
 #include "platform/installpath.h"
 #include "platform/log.h"
 #include "platform/users.h"
@@ -9,6 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -18,11 +22,27 @@ int usage(const char *command)
     return 2;
 }
 
+// The tool and its arguments at argv[i + 1]: "TOOL COUNT ARG...". Advances i past them.
+bool toolCommand(int argc, char **argv, int &i, const char **tool, std::vector<char *> *args)
+{
+    if (i + 2 >= argc)
+        return false;
+    *tool = argv[i + 1];
+    const int count = atoi(argv[i + 2]);
+    if (count < 0 || i + 2 + count >= argc)
+        return false;
+    args->assign(argv + i + 3, argv + i + 3 + count);
+    args->push_back(nullptr);
+    i += 2 + count;
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     void *library = nullptr;
+    AuthorizationRef released = nullptr;
     for (int i = 1; i < argc; ++i) {
         const std::string command = argv[i];
         const bool hasArg = i + 1 < argc;
@@ -69,6 +89,31 @@ int main(int argc, char **argv)
             printf("gid=%u\n", getGroupId(argv[++i]));
         } else if (command == "user" && hasArg) {
             printf("user=%s\n", getUserName(static_cast<uid_t>(strtoul(argv[++i], nullptr, 10))).c_str());
+        } else if (command == "auth") {
+            const bool granted = createAuthority(&gMacAuthorizationRef);
+            printf("\nauth=%d ref=%s\n", granted ? 1 : 0, gMacAuthorizationRef ? "set" : "null");
+        } else if (command == "run" || command == "runlog" || command == "runreleased") {
+            const char *tool = nullptr;
+            std::vector<char *> args;
+            if (!toolCommand(argc, argv, i, &tool, &args))
+                return usage(command.c_str());
+            bool result;
+            if (command == "runlog")
+                result = runCommandWithAuthorityToLog(gMacAuthorizationRef, tool, args.data(), FELogging());
+            else
+                result = runCommandWithAuthority(command == "run" ? gMacAuthorizationRef : released, tool, args.data());
+            printf("%s=%d\n", command.c_str(), result ? 1 : 0);
+        } else if (command == "free") {
+            released = gMacAuthorizationRef;
+            const int status = freeAuthority(&gMacAuthorizationRef);
+            printf("free=%d ref=%s\n", status, gMacAuthorizationRef ? "set" : "null");
+        } else if (command == "wait") {
+            // Holds the process (and its authority) until a line arrives on standard input.
+            printf("waiting pid=%d\n", int(getpid()));
+            fflush(stdout);
+            char line[16];
+            if (!fgets(line, sizeof line, stdin))
+                return 0;
         } else {
             return usage(argv[i]);
         }
