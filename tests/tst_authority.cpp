@@ -480,21 +480,26 @@ void tst_Authority::helperEndsWithClient()
 }
 
 // A process that already runs as root starts the helper itself: no launcher.
+// This helper's folder has no veld-defaults, so that tool cannot be started.
 void tst_Authority::directAsRoot()
 {
     if (geteuid() != 0)
         QSKIP("needs root");
-    qputenv("VELD_AUTH_HELPER", QFile::encodeName(kHelper));
-    qputenv("VELD_AUTH_LAUNCHER", QFile::encodeName(launcher()));
-    AuthorizationRef ref = nullptr;
-    QVERIFY(createAuthority(&ref));
-    const QByteArray path = QFile::encodeName(m_scratch + QStringLiteral("/r"));
-    const char *args[] = {"-m", "0700", path.constData(), nullptr};
-    QVERIFY(runCommandWithAuthority(ref, "/bin/mkdir", const_cast<char *const *>(args)));
-    QCOMPARE(helperProcesses().size(), 1);
-    QCOMPARE(freeAuthority(&ref), OSStatus(errAuthorizationSuccess));
-    QVERIFY(!ref);
-    QCOMPARE(QFileInfo(QFile::decodeName(path)).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
+    const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
+    QVERIFY(copyFileTo(kHelper, helper));
+    QVERIFY(QFile::setPermissions(helper, QFileDevice::Permissions(0x7500)));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("VELD_AUTH_HELPER"), helper);
+    env.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcher());
+    const QString made = m_scratch + QStringLiteral("/r");
+    const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
+    const ProcessResult result = runProcess(kProbe, {"auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
+                                                     "3", "delete", "/nonexistent/d", "k", "free"}, env);
+    QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
+    QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
+    QVERIFY(result.err.endsWith(QLatin1String(" status=-60031\n")));
+    QVERIFY(QFileInfo(made).isDir());
+    QCOMPARE(QFileInfo(made).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
     QCOMPARE(launches(), 0);
 }
 
