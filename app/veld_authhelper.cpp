@@ -9,6 +9,7 @@
 
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
+#include "platform/spawn.h"
 
 #include <cerrno>
 #include <climits>
@@ -79,40 +80,19 @@ bool runTool(const std::string &tool, const std::vector<std::string> &args)
     char *environment[] = {path, nullptr};
 
     int output[2];
-    int execFailure[2];
     if (::pipe2(output, O_CLOEXEC) != 0)
         return reportDone(kNotStarted);
-    if (::pipe2(execFailure, O_CLOEXEC) != 0) {
-        ::close(output[0]);
-        ::close(output[1]);
-        return reportDone(kNotStarted);
-    }
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+    int error = 0;
+    const pid_t pid = spawnProgram(argv.data(), environment, [&] {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int null = ::open("/dev/null", O_RDONLY);
         ::dup2(null, STDIN_FILENO);
         ::dup2(output[1], STDOUT_FILENO);
         ::signal(SIGPIPE, SIG_DFL);
-        ::execve(tool.c_str(), argv.data(), environment);
-        const int error = errno;
-        (void)!::write(execFailure[1], &error, sizeof error);
-        ::_exit(127);
-    }
+    }, &error);
     ::close(output[1]);
-    ::close(execFailure[1]);
-    int error = 0;
-    ssize_t got = -1;
-    if (pid > 0) {
-        do {
-            got = ::read(execFailure[0], &error, sizeof error);
-        } while (got < 0 && errno == EINTR);
-    }
-    ::close(execFailure[0]);
-    if (pid < 0 || got == ssize_t(sizeof error)) {
-        fprintf(stderr, "%s: cannot start %s: %s\n", kName, tool.c_str(), strerror(pid < 0 ? errno : error));
-        if (pid > 0)
-            stopTool(pid);
+    if (pid < 0) {
+        fprintf(stderr, "%s: cannot start %s: %s\n", kName, tool.c_str(), strerror(error));
         ::close(output[0]);
         return reportDone(kNotStarted);
     }

@@ -1,6 +1,7 @@
 #include "authority_os.h"
 
 #include "authprotocol.h"
+#include "spawn.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -127,46 +128,23 @@ OSStatus startHelper(VeldAuthority *authority)
     argv.push_back(nullptr);
 
     int channel[2];
-    int execFailure[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
         return errAuthorizationInternal;
-    if (::pipe2(execFailure, O_CLOEXEC) != 0) {
-        ::close(channel[0]);
-        ::close(channel[1]);
-        return errAuthorizationInternal;
-    }
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+    int error = 0;
+    const pid_t pid = spawnProgram(argv.data(), nullptr, [&] {
         // A session of its own: no terminal, so a launcher never puts a
         // terminal between the two ends of the conversation.
         ::setsid();
         ::dup2(channel[1], STDIN_FILENO);
         ::dup2(channel[1], STDOUT_FILENO);
-        ::execvp(argv[0], argv.data());
-        const int error = errno;
-        (void)!::write(execFailure[1], &error, sizeof error);
-        ::_exit(127);
-    }
+    }, &error);
     ::close(channel[1]);
-    ::close(execFailure[1]);
     if (pid < 0) {
-        ::close(channel[0]);
-        ::close(execFailure[0]);
-        return errAuthorizationInternal;
-    }
-    int error = 0;
-    ssize_t got;
-    do {
-        got = ::read(execFailure[0], &error, sizeof error);
-    } while (got < 0 && errno == EINTR);
-    ::close(execFailure[0]);
-    authority->process = pid;
-    if (got == ssize_t(sizeof error)) {
         fprintf(stderr, "%s: cannot start %s: %s\n", kHelperName, argv[0], strerror(error));
         ::close(channel[0]);
-        reap(authority, -1);
         return errAuthorizationToolExecuteFailure;
     }
+    authority->process = pid;
 
     // The password dialog, if any, is shown now; the helper speaks once it runs as root.
     char type = 0;

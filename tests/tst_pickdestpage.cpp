@@ -41,17 +41,12 @@ QPushButton *chooseButton(QWizard &wizard)
     return wizard.page(kPickDestPageId)->findChild<QPushButton *>();
 }
 
-QAbstractButton *button(QWizard &wizard, QWizard::WizardButton which)
-{
-    return wizard.button(which);
-}
-
 // From the agreement to the destination page, the source measured on the way.
 void goToDestPage(QWizard &wizard)
 {
     goToSourcePage(wizard);
     QVERIFY(SizeThread::waitForScans());
-    QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
     QCOMPARE(wizard.currentId(), int(kPickDestPageId));
 }
 
@@ -110,16 +105,16 @@ void DestinationScenarios::backAndForth()
         QVERIFY(chooseButton(wizard)->isVisible());
         QCOMPARE(chooseButton(wizard)->text(), QStringLiteral("Choose..."));
         QVERIFY(!chooseButton(wizard)->isDefault());
-        QVERIFY(button(wizard, QWizard::NextButton)->isEnabled());
+        QVERIFY(wizard.button(QWizard::NextButton)->isEnabled());
 
         choose(wizard, home.path());
         QCOMPARE(wizard.field(QStringLiteral("path")).toString(), home.path() + QStringLiteral("/VELDV400"));
         QCOMPARE(page->subTitle(), kStoredIn.arg(home.path() + QStringLiteral("/VELDV400")));
-        QVERIFY(qobject_cast<QPushButton *>(button(wizard, QWizard::NextButton))->isDefault());
+        QVERIFY(qobject_cast<QPushButton *>(wizard.button(QWizard::NextButton))->isDefault());
         // Back to the source page and on again: the choice is dropped.
-        QTest::mouseClick(button(wizard, QWizard::BackButton), Qt::LeftButton);
+        QTest::mouseClick(wizard.button(QWizard::BackButton), Qt::LeftButton);
         QCOMPARE(wizard.currentId(), int(kSourcePageId));
-        QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
         QCOMPARE(wizard.currentId(), int(kPickDestPageId));
     }
 }
@@ -204,7 +199,7 @@ void DestinationScenarios::decide()
     const QString destination = wizard.field(QStringLiteral("path")).toString();
     QWizardPage *page = wizard.currentPage();
     sCopyFiles = expect != QLatin1String("move");   // the opposite of what must come out
-    QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
 
     if (expect.startsWith(QLatin1String("refuse:"))) {
         QCOMPARE(wizard.currentId(), int(kPickDestPageId));
@@ -234,20 +229,20 @@ void DestinationScenarios::waitForScan()
     VELD_Installer wizard;
     QTimer::singleShot(0, &wizard, [&] {
         goToSourcePage(wizard);
-        QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
         choose(wizard, layoutFolder());
         QTimer::singleShot(0, &wizard, [&] {
             waitedBusy = QApplication::overrideCursor() && QApplication::overrideCursor()->shape() == Qt::BusyCursor;
             if (action == "continue") {
-                QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+                QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
                 scanningAfterSecondContinue = SizeThread::scansPending();
             } else {
-                QTest::mouseClick(button(wizard, action == "back" ? QWizard::BackButton : QWizard::CancelButton),
+                QTest::mouseClick(wizard.button(action == "back" ? QWizard::BackButton : QWizard::CancelButton),
                                   Qt::LeftButton);
             }
         });
         scanningAtContinue = SizeThread::scansPending();
-        QTest::mouseClick(button(wizard, QWizard::NextButton), Qt::LeftButton);
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
         pageAfterWait = wizard.currentId();
         if (wizard.isVisible())
             wizard.close();
