@@ -1,6 +1,7 @@
 #include "platform/authority.h"
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
+#include "privilegedsupport.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -14,46 +15,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The privileged cases run the support probe as the ordinary users that
-// scripts/privileged-users.sh makes: "veldadmin", whom sudo lets run the built
-// helper and nothing else, and "veldguest", whom it does not. The launcher is
-// the real "sudo -n", behind a script that counts its starts.
+// The privileged cases run the support probe as the ordinary users of
+// privilegedsupport.h, through the real "sudo -n".
 
 namespace {
 
 const QString kHelper = QStringLiteral(VELD_AUTHHELPER);
 const QString kProbe = QStringLiteral(VELD_SUPPORTPROBE);
-
-uid_t userId(const char *name)
-{
-    const passwd *entry = getpwnam(name);
-    return entry ? entry->pw_uid : uid_t(-1);
-}
-
-// Every process whose command line names the helper: the helper and its launcher.
-QList<pid_t> helperProcesses()
-{
-    QList<pid_t> found;
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool isPid = false;
-        const pid_t pid = pid_t(entry.toInt(&isPid));
-        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(entry));
-        if (isPid && pid != getpid() && cmdline.open(QIODevice::ReadOnly)
-            && cmdline.readAll().split('\0').contains(QFile::encodeName(kHelper)))
-            found << pid;
-    }
-    return found;
-}
-
-bool allGone(const QList<pid_t> &pids)
-{
-    for (int waited = 0; waited < 5000; waited += 20) {
-        if (std::none_of(pids.begin(), pids.end(), [](pid_t pid) { return QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); }))
-            return true;
-        QThread::msleep(20);
-    }
-    return false;
-}
 
 // The frames of a helper's output, as "R", "S<status>" and "O<text>".
 QStringList framesOf(const QByteArray &stream)
@@ -108,12 +76,12 @@ private slots:
     void directAsRoot();
 
 private:
-    bool privileged();
-    QString launcher() const { return m_dir.filePath(QStringLiteral("launch")); }
-    int launches() const;
+    QString launcher() const { return m_launcher.path(); }
+    int launches() const { return m_launcher.launches(); }
     ProcessResult probeAs(const char *user, const QStringList &args, const QString &launcherCommand = QString());
 
     QTemporaryDir m_dir;
+    CountingLauncher m_launcher;
     QString m_scratch;   // root's, readable by everyone, writable by no one else
     QString m_file;      // 300 bytes that a tool prints
 };
@@ -122,11 +90,7 @@ void tst_Authority::initTestCase()
 {
     QVERIFY(QFileInfo(kHelper).isExecutable());
     QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
-    QFile script(launcher());
-    QVERIFY(script.open(QIODevice::WriteOnly));
-    script.write("#!/bin/sh\necho started >> \"$(dirname \"$0\")/launches\"\nexec sudo -n \"$@\"\n");
-    script.close();
-    QVERIFY(script.setPermissions(QFileDevice::Permissions(0x7555)));
+    QVERIFY(m_launcher.create(m_dir.path()));
     m_file = m_dir.filePath(QStringLiteral("printed.txt"));
     QFile printed(m_file);
     QVERIFY(printed.open(QIODevice::WriteOnly));
@@ -138,10 +102,7 @@ void tst_Authority::initTestCase()
 
 void tst_Authority::init()
 {
-    QFile counter(m_dir.filePath(QStringLiteral("launches")));
-    QVERIFY(counter.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    counter.close();
-    counter.setPermissions(QFileDevice::Permissions(0x6666));
+    QVERIFY(m_launcher.reset());
     static int serial = 0;
     m_scratch = m_dir.filePath(QStringLiteral("scratch-%1").arg(++serial));
     QVERIFY(QDir().mkpath(m_scratch));
@@ -151,38 +112,13 @@ void tst_Authority::init()
 // No test leaves a root helper behind.
 void tst_Authority::cleanup()
 {
-    QVERIFY(allGone(helperProcesses()));
-}
-
-bool tst_Authority::privileged()
-{
-    return geteuid() == 0 && userId("veldadmin") != uid_t(-1) && userId("veldguest") != uid_t(-1)
-           && QFileInfo::exists(QStringLiteral("/etc/sudoers.d/veld-authhelper"));
-}
-
-#define REQUIRE_PRIVILEGED()                                                                                  \
-    do {                                                                                                      \
-        if (!privileged()) {                                                                                  \
-            if (qEnvironmentVariableIsSet("VELD_REQUIRE_PRIVILEGED"))                                         \
-                QFAIL("the privileged tests must run here: run as root after scripts/privileged-users.sh");   \
-            QSKIP("needs root and the users of scripts/privileged-users.sh");                                 \
-        }                                                                                                     \
-    } while (0)
-
-int tst_Authority::launches() const
-{
-    QFile counter(m_dir.filePath(QStringLiteral("launches")));
-    return counter.open(QIODevice::ReadOnly) ? counter.readAll().count('\n') : -1;
+    QVERIFY(allGone(helperProcesses(kHelper)));
 }
 
 ProcessResult tst_Authority::probeAs(const char *user, const QStringList &args, const QString &launcherCommand)
 {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("VELD_AUTH_HELPER"), kHelper);
-    env.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcherCommand.isEmpty() ? launcher() : launcherCommand);
-    const QString name = QString::fromLatin1(user);
-    return runProcess(QStringLiteral("setpriv"),
-                      QStringList{"--reuid=" + name, "--regid=" + name, QStringLiteral("--init-groups"), kProbe} + args, env);
+    const QStringList command = asUser(QString::fromLatin1(user), kProbe, args);
+    return runProcess(command.first(), command.mid(1), m_launcher.environment(kHelper, launcherCommand));
 }
 
 void tst_Authority::policy_data()
@@ -452,12 +388,9 @@ void tst_Authority::helperEndsWithClient()
     REQUIRE_PRIVILEGED();
     QFETCH(bool, killed);
     QProcess client;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("VELD_AUTH_HELPER"), kHelper);
-    env.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcher());
-    client.setProcessEnvironment(env);
-    client.start(QStringLiteral("setpriv"), {"--reuid=veldadmin", "--regid=veldadmin", "--init-groups", kProbe, "auth",
-                                             "wait", "free", "wait"});
+    client.setProcessEnvironment(m_launcher.environment(kHelper));
+    const QStringList command = asUser(QStringLiteral("veldadmin"), kProbe, {"auth", "wait", "free", "wait"});
+    client.start(command.first(), command.mid(1));
     const auto waitFor = [&](const char *text) {
         QByteArray out;
         while (!out.contains(text) && client.waitForReadyRead(10000))
@@ -465,7 +398,7 @@ void tst_Authority::helperEndsWithClient()
         return out.contains(text);
     };
     QVERIFY(waitFor("waiting"));
-    const QList<pid_t> helpers = helperProcesses();
+    const QList<pid_t> helpers = helperProcesses(kHelper);
     QCOMPARE(helpers.size(), 2);   // the launcher and the helper
     if (killed) {
         ::kill(pid_t(client.processId()), SIGKILL);
@@ -488,9 +421,7 @@ void tst_Authority::directAsRoot()
     const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
     QVERIFY(copyFileTo(kHelper, helper));
     QVERIFY(QFile::setPermissions(helper, QFileDevice::Permissions(0x7500)));
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("VELD_AUTH_HELPER"), helper);
-    env.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcher());
+    const QProcessEnvironment env = m_launcher.environment(helper);
     const QString made = m_scratch + QStringLiteral("/r");
     const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
     const ProcessResult result = runProcess(kProbe, {"auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
