@@ -36,6 +36,11 @@ enum : OSStatus {
     errAuthorizationToolExecuteFailure = -60031,
     errAuthorizationToolEnvironmentError = -60032,
 };
+
+#include <string>
+
+/** The folder of the helper that createAuthority starts; the helper runs the veld-defaults found there. */
+std::string authorityHelperFolder();
 #endif
 
 /** The installer's one authority; null until createAuthority has been called on it. */

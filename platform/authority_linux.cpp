@@ -61,6 +61,17 @@ std::string helperPath()
     return folder.substr(0, folder.rfind('/') + 1) + kHelperName;
 }
 
+} // namespace
+
+std::string authorityHelperFolder()
+{
+    const std::string helper = helperPath();
+    const size_t slash = helper.rfind('/');
+    return slash == std::string::npos ? std::string(".") : helper.substr(0, slash);
+}
+
+namespace {
+
 // The launcher's words, split at blanks (no shell); none when already root.
 std::vector<std::string> launcherWords()
 {

@@ -1,10 +1,11 @@
-#include "prefstore.h"
+#include "prefstore_os.h"
 
-#include <QByteArray>
-#include <QSettings>
-#include <QString>
+#include "authority.h"
+#include "preffile.h"
+
+#include <QDir>
+#include <QFile>
 #include <QStringList>
-#include <QVariant>
 
 #include <cstdlib>
 #include <pwd.h>
@@ -12,22 +13,20 @@
 
 namespace {
 
-const size_t kValueBufferSize = 4096;
-
 QString homeFolder()
 {
     const char *home = getenv("HOME");
     if (home && *home)
-        return QString::fromLocal8Bit(home);
+        return QFile::decodeName(home);
     const passwd *pw = getpwuid(getuid());
-    return pw ? QString::fromLocal8Bit(pw->pw_dir) : QString();
+    return pw ? QFile::decodeName(pw->pw_dir) : QString();
 }
 
 QString userConfigFolder()
 {
     const char *dir = getenv("XDG_CONFIG_HOME");
     if (dir && *dir)
-        return QString::fromLocal8Bit(dir);
+        return QFile::decodeName(dir);
     return homeFolder() + QStringLiteral("/.config");
 }
 
@@ -35,41 +34,50 @@ QString systemConfigFolder()
 {
     const char *dirs = getenv("XDG_CONFIG_DIRS");
     if (dirs && *dirs) {
-        const QStringList folders = QString::fromLocal8Bit(dirs).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+        const QStringList folders = QFile::decodeName(dirs).split(QLatin1Char(':'), Qt::SkipEmptyParts);
         if (!folders.isEmpty())
             return folders.first();
     }
     return QStringLiteral("/etc/xdg");
 }
 
-// Looks key up in one domain file; false when the file does not hold it.
-bool readFromFile(const QString &folder, const char *domain, const char *key, QString *value)
+QString domainFile(const QString &folder, const QString &domain)
 {
-    const QString path = folder + QLatin1Char('/') + QString::fromUtf8(domain) + QStringLiteral(".conf");
-    QSettings settings(path, QSettings::IniFormat);
-    const QString name = QString::fromUtf8(key);
-    if (!settings.contains(name))
-        return false;
-    const QVariant v = settings.value(name);
-    // The INI format reads an unquoted value with commas as a list; it was one string.
-    if (v.type() == QVariant::StringList)
-        *value = v.toStringList().join(QLatin1Char(','));
-    else
-        *value = v.toString();
-    return true;
+    return folder + QLatin1Char('/') + domain + QStringLiteral(".conf");
 }
 
 } // namespace
 
-std::string prefReadAppValue(const char *domain, const char *key)
+bool osPrefCopyValue(PrefSearch search, const QString &domain, const QString &key, QString *value)
 {
-    if (!domain || !*domain || !key || !*key)
-        return std::string();
-    QString value;
-    if (!readFromFile(userConfigFolder(), domain, key, &value))
-        readFromFile(systemConfigFolder(), domain, key, &value);
-    const QByteArray bytes = value.toUtf8();
-    if (static_cast<size_t>(bytes.size()) >= kValueBufferSize)
-        return std::string();
-    return std::string(bytes.constData(), static_cast<size_t>(bytes.size()));
+    if (domain.isEmpty() || key.isEmpty())
+        return false;
+    if (search == PrefSearch::Application && prefFileRead(domainFile(userConfigFolder(), domain), key, value))
+        return true;
+    return prefFileRead(domainFile(systemConfigFolder(), domain), key, value);
+}
+
+bool osPrefSetAppValue(const QString &domain, const QString &key, const QString *value)
+{
+    if (domain.isEmpty())
+        return false;
+    const QString folder = userConfigFolder();
+    if (!QDir().mkpath(folder))
+        return false;
+    return prefFileWrite(QFile::encodeName(domainFile(folder, domain)).toStdString(), key, value).empty();
+}
+
+void osPrefAppSynchronize(const QString &)
+{
+    // Every read goes to the files themselves: there is no cached view to refresh.
+}
+
+std::string osSystemPreferencesFolder()
+{
+    return QFile::encodeName(systemConfigFolder()).toStdString() + "/";
+}
+
+std::string osDefaultsTool()
+{
+    return authorityHelperFolder() + "/veld-defaults";
 }

@@ -1,26 +1,59 @@
-#include "prefstore.h"
+#include "prefstore_os.h"
 
 #include <CoreFoundation/CoreFoundation.h>
 
-std::string prefReadAppValue(const char *domain, const char *key)
+bool osPrefCopyValue(PrefSearch search, const QString &domain, const QString &key, QString *value)
 {
-    if (!domain || !*domain || !key || !*key)
-        return std::string();
-    char buffer[4096] = "";
-    CFStringRef domainRef = CFStringCreateWithCString(kCFAllocatorDefault, domain, kCFStringEncodingUTF8);
-    CFStringRef keyRef = CFStringCreateWithCString(kCFAllocatorDefault, key, kCFStringEncodingUTF8);
+    CFStringRef domainRef = domain.toCFString();
+    CFStringRef keyRef = key.toCFString();
+    bool found = false;
     if (domainRef && keyRef) {
-        CFPropertyListRef value = CFPreferencesCopyAppValue(keyRef, domainRef);
-        if (value) {
-            if (CFGetTypeID(value) == CFStringGetTypeID()
-                && !CFStringGetCString(static_cast<CFStringRef>(value), buffer, sizeof(buffer), kCFStringEncodingUTF8))
-                buffer[0] = '\0';
-            CFRelease(value);
+        CFPropertyListRef stored = search == PrefSearch::AllUsers
+                                       ? CFPreferencesCopyValue(keyRef, domainRef, kCFPreferencesAnyUser,
+                                                                kCFPreferencesCurrentHost)
+                                       : CFPreferencesCopyAppValue(keyRef, domainRef);
+        if (stored) {
+            if (CFGetTypeID(stored) == CFStringGetTypeID()) {
+                *value = QString::fromCFString(static_cast<CFStringRef>(stored));
+                found = true;
+            }
+            CFRelease(stored);
         }
     }
     if (keyRef)
         CFRelease(keyRef);
     if (domainRef)
         CFRelease(domainRef);
-    return std::string(buffer);
+    return found;
+}
+
+bool osPrefSetAppValue(const QString &domain, const QString &key, const QString *value)
+{
+    CFStringRef domainRef = domain.toCFString();
+    CFStringRef keyRef = key.toCFString();
+    CFStringRef valueRef = value ? value->toCFString() : nullptr;
+    CFPreferencesSetAppValue(keyRef, valueRef, domainRef);
+    const bool synchronized = CFPreferencesAppSynchronize(domainRef);
+    if (valueRef)
+        CFRelease(valueRef);
+    CFRelease(keyRef);
+    CFRelease(domainRef);
+    return synchronized;
+}
+
+void osPrefAppSynchronize(const QString &domain)
+{
+    CFStringRef domainRef = domain.toCFString();
+    CFPreferencesAppSynchronize(domainRef);
+    CFRelease(domainRef);
+}
+
+std::string osSystemPreferencesFolder()
+{
+    return "/Library/Preferences/";
+}
+
+std::string osDefaultsTool()
+{
+    return "/usr/bin/defaults";
 }

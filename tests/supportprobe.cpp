@@ -4,6 +4,7 @@
 #include "platform/authority.h"
 #include "platform/installpath.h"
 #include "platform/log.h"
+#include "platform/prefstore.h"
 #include "platform/users.h"
 
 #include <cstdio>
@@ -35,6 +36,22 @@ bool toolCommand(int argc, char **argv, int &i, const char **tool, std::vector<c
     args->push_back(nullptr);
     i += 2 + count;
     return true;
+}
+
+// A value as the command line gives it: "-" is none, "x:HEX" the bytes in hexadecimal
+// (for bytes that are not text), anything else itself.
+QByteArray valueArgument(const char *text)
+{
+    if (strcmp(text, "-") == 0)
+        return QByteArray();
+    if (strncmp(text, "x:", 2) == 0)
+        return QByteArray::fromHex(text + 2);
+    return QByteArray(text);
+}
+
+const char *valueOrNull(const char *text, const QByteArray &value)
+{
+    return strcmp(text, "-") == 0 ? nullptr : value.constData();
 }
 
 } // namespace
@@ -107,6 +124,25 @@ int main(int argc, char **argv)
             released = gMacAuthorizationRef;
             const int status = freeAuthority(&gMacAuthorizationRef);
             printf("free=%d ref=%s\n", status, gMacAuthorizationRef ? "set" : "null");
+        } else if (command == "prefread" && i + 3 < argc) {
+            const QString domain = QString::fromUtf8(argv[i + 2]);
+            const QString key = QString::fromUtf8(argv[i + 3]);
+            const std::string scope = argv[i + 1];
+            const QByteArray value = scope == "global" ? MacReadGlobalDefaultSetting(domain, key)
+                                     : scope == "local" ? MacReadLocalDefaultSetting(domain, key)
+                                                        : MacReadAnyDefaultSetting(domain, key);
+            printf("prefread=%s\n", value.toHex().constData());
+            i += 3;
+        } else if ((command == "prefwrite" || command == "defaults") && i + 3 < argc) {
+            const QByteArray value = valueArgument(argv[i + 3]);
+            const char *given = valueOrNull(argv[i + 3], value);
+            const bool result = command == "prefwrite"
+                                    ? MacWriteLocalDefaultSetting(QString::fromUtf8(argv[i + 1]),
+                                                                  QString::fromUtf8(argv[i + 2]), given)
+                                    : MacWriteGlobalDefaultSetting(QString::fromUtf8(argv[i + 1]), argv[i + 2], given,
+                                                                   gMacAuthorizationRef);
+            printf("%s=%d\n", command.c_str(), result ? 1 : 0);
+            i += 3;
         } else if (command == "wait") {
             // Holds the process (and its authority) until a line arrives on standard input.
             printf("waiting pid=%d\n", int(getpid()));
