@@ -5,12 +5,12 @@
 #include "pages/pickdestpage.h"
 #include "pages/sourcepage.h"
 #include "platform/log.h"
+#include "platform/privileges.h"
 #include "platform/users.h"
 
 #include <QPixmap>
 
 VELD_Installer *install_wizard = nullptr;
-uint32_t gAdminGid = kUnknownGroupId;
 
 namespace {
 

@@ -5,7 +5,6 @@
 
 #include <QWizard>
 
-#include <cstdint>
 #include <string>
 
 /** The installer's wizard: the four pages, the title, the artwork; it opens the log. */
@@ -22,9 +21,6 @@ public:
 
 /** The one wizard of the process, set by main; null before. */
 extern VELD_Installer *install_wizard;
-
-/** Id of the administrators' group, or 0xFFFFFFFF when there is none; set by the wizard's constructor. */
-extern uint32_t gAdminGid;
 
 /** install_wizard, for support code that needs a parent window. */
 QWidget *GetMainWindow();

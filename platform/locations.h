@@ -8,9 +8,12 @@
 inline constexpr char kDefaultDestination[] = "/Library/Application Support/Halvornworks/VELDV400";
 /** The parent whose volume stands for every destination below it, whether or not the destination exists yet. */
 inline constexpr char kSharedParent[] = "/Library/Application Support";
+/** The tool that gives a folder to a user and a group, run with rights. */
+inline constexpr char kChownTool[] = "/usr/sbin/chown";
 #else
 inline constexpr char kDefaultDestination[] = "/usr/local/share/Halvornworks/VELDV400";
 inline constexpr char kSharedParent[] = "/usr/local/share";
+inline constexpr char kChownTool[] = "/bin/chown";
 #endif
 
 #endif

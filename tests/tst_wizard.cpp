@@ -4,6 +4,7 @@
 #include "pages/pickdestpage.h"
 #include "pages/sourcepage.h"
 #include "platform/installpath.h"
+#include "platform/privileges.h"
 #include "platform/users.h"
 #include "testsupport.h"
 #include "wizarddriver.h"
