@@ -255,6 +255,7 @@ void tst_PrefStore::globalWrite()
                                         "defaults", domain, key, "-", "defaults", domain, "Other", "kept",
                                         "defaults", domain, "Other", "x:"});
     const ProcessResult result = runProcess(command.first(), command.mid(1), launcher.environment(kHelper, QString(), m_prefs->environment()));
+    QVERIFY2(result.exitCode == 0, qPrintable(result.err));
     QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\ndefaults=1\nprefread=%1\ndefaults=1\ndefaults=1\ndefaults=1\n")
                              .arg(QString::fromLatin1(readBack)));
     QCOMPARE(launcher.launches(), 1);

@@ -468,6 +468,7 @@ void tst_Privileges::steps()
     const ProcessResult run = runProcess(command.first(), command.mid(1), env);
 
     const QString context = run.out + run.err;
+    QVERIFY2(run.exitCode == 0, qPrintable(context));
     QStringList out = run.out.split('\n', Qt::SkipEmptyParts);
     QVERIFY2(out.removeAll(QStringLiteral("result=%1").arg(result)) == 1, qPrintable(context));
     out.removeAll(QStringLiteral("authority=1"));
