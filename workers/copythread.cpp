@@ -1,0 +1,128 @@
+#include "copythread.h"
+
+#include "pages/pagestate.h"
+
+#include <QFile>
+
+#include <cstdio>
+#include <sys/stat.h>
+
+namespace {
+
+const char kNoFiles[] = "The source database data files couldn't be found.";
+const int kFailure = -100;
+const int kCancelPollMs = 100;
+
+} // namespace
+
+CopyThread::CopyThread(QObject *parent, QString path)
+    : QThread(parent)
+    , path(std::move(path))
+    , files(sResultList)
+    , moveFiles(sCopyFiles)
+{
+}
+
+CopyThread::~CopyThread()
+{
+    cancel();
+    wait();
+}
+
+QString CopyThread::getPath() const
+{
+    return path;
+}
+
+void CopyThread::cancel()
+{
+    m_cancelled = true;
+}
+
+QStringList CopyThread::transferArguments(bool move, const QString &source, const QString &target)
+{
+    if (move)
+        return {source, target};
+    return {QStringLiteral("-pf"), source, target};
+}
+
+QString CopyThread::processErrorText(QProcess::ProcessError error)
+{
+    switch (error) {
+    case QProcess::FailedToStart:
+        return QStringLiteral(" failed to start.");
+    case QProcess::Crashed:
+        return QStringLiteral(" crashed.");
+    case QProcess::Timedout:
+        return QStringLiteral(" no response.");
+    case QProcess::ReadError:
+        return QStringLiteral(" read error.");
+    case QProcess::WriteError:
+        return QStringLiteral(" write error.");
+    default:
+        return QStringLiteral(" unknown error.");
+    }
+}
+
+void CopyThread::run()
+{
+    unpriviledgedCopy();
+}
+
+bool CopyThread::waitForChild(QProcess &process)
+{
+    while (!process.waitForFinished(kCancelPollMs)) {
+        if (process.state() == QProcess::NotRunning)
+            return false;
+        if (m_cancelled) {
+            process.kill();
+            process.waitForFinished(-1);
+            return false;
+        }
+    }
+    return true;
+}
+
+void CopyThread::unpriviledgedCopy()
+{
+    const QString target = path + QLatin1Char('/');
+    QProcess process;
+    const QString program = moveFiles ? QStringLiteral("/bin/mv") : QStringLiteral("/bin/cp");
+    emit copyResult(kFailure, QString::fromLatin1(kNoFiles));
+    // Process-wide, and meant to stay so after the transfer.
+    umask(022);
+
+    int count = 0;
+    for (const QFileInfo &file : files) {
+        if (m_cancelled)
+            return;
+        const QString source = file.absoluteFilePath();
+        process.start(program, transferArguments(moveFiles, source, target), QIODevice::ReadWrite);
+        if (!waitForChild(process)) {
+            if (m_cancelled) {
+                // Never leave a cut data file behind; a move that went through keeps its file.
+                if (!moveFiles || QFile::exists(source))
+                    QFile::remove(target + file.fileName());
+                return;
+            }
+            const QString message = program + QLatin1Char(':') + processErrorText(process.error());
+            if (process.state() != QProcess::NotRunning) {
+                process.kill();
+                process.waitForFinished(-1);
+            }
+            emit copyResult(kFailure, message);
+            return;
+        }
+        const QByteArray complaint = process.readAllStandardError();
+        // An empty standard error is success, whatever the exit code.
+        if (complaint.isEmpty()) {
+            emit copyResult(0, QString());
+            emit copiedFile(++count);
+            continue;
+        }
+        fprintf(stderr, "VELDV400 Installer: %s", complaint.constData());
+        fflush(stderr);
+        emit copyResult(kFailure, QStringLiteral("Error message is:\n") + QString::fromUtf8(complaint.constData()));
+        return;
+    }
+}

@@ -1,0 +1,68 @@
+#ifndef VELD_WORKERS_COPYTHREAD_H
+#define VELD_WORKERS_COPYTHREAD_H
+
+#include <QFileInfo>
+#include <QList>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QThread>
+
+#include <atomic>
+
+/**
+ * Transfers the database's data files into one folder on a thread of its own,
+ * with the user's own rights: one "/bin/cp -pf SRC TARGET" or "/bin/mv SRC
+ * TARGET" per file, in the order of sResultList, each into the folder itself
+ * (a tree arrives flat). The first failure stops it; nothing is rolled back.
+ *
+ * Reports through copyResult (the outcome as it stands: first -100 with "The
+ * source database data files couldn't be found.", then 0 after each file, or
+ * -100 with the reason at a failure) and copiedFile (files done so far).
+ *
+ * The file list and the choice between moving and copying are taken when the
+ * object is made, on the user-interface thread.
+ */
+class CopyThread : public QThread
+{
+    Q_OBJECT
+
+public:
+    CopyThread(QObject *parent, QString path);
+    /** Cancels the transfer and waits for the thread, which ends within a fraction of a second. */
+    ~CopyThread() override;
+
+    QString getPath() const;
+
+    /**
+     * Stops the transfer from any thread: the running child is killed within
+     * 100 ms, its partial copy removed (a moved file whose source is gone is
+     * left alone), and no further file is started. No result follows.
+     */
+    void cancel();
+
+    /** The arguments of one transfer: "-pf SRC TARGET" to copy, "SRC TARGET" to move. */
+    static QStringList transferArguments(bool move, const QString &source, const QString &target);
+
+    /** The text that follows the program's path and ":" when the child failed as a process. */
+    static QString processErrorText(QProcess::ProcessError error);
+
+signals:
+    void copiedFile(int index);
+    void copyResult(int errCode, QString errMsg);
+
+protected:
+    void run() override;
+
+private:
+    void unpriviledgedCopy();
+    // Waits for the child without a time limit, unless the transfer is cancelled meanwhile.
+    bool waitForChild(QProcess &process);
+
+    const QString path;
+    const QList<QFileInfo> files;
+    const bool moveFiles;
+    std::atomic<bool> m_cancelled{false};
+};
+
+#endif
