@@ -1,17 +1,57 @@
 #ifndef VELD_PAGES_CONCLUSIONPAGE_H
 #define VELD_PAGES_CONCLUSIONPAGE_H
 
+#include <QString>
 #include <QWizardPage>
 
-/** The last page: the installation and its outcome. */
+class CopyThread;
+class QProgressBar;
+
+/**
+ * The last page: prepares the destination folder (with administrator rights
+ * where the user cannot write there), transfers the data files with a
+ * progress bar, records the destination as a system-wide preference and
+ * shows the outcome in its title and subtitle.
+ *
+ * Back is disabled from the moment the page is shown until the outcome is
+ * known, so that a transfer is never started twice. Destroying the page (the
+ * wizard cancelled or closed) stops a running transfer without leaving a cut
+ * file and releases the administrator right.
+ */
 class ConclusionPage : public QWizardPage
 {
     Q_OBJECT
 
 public:
     explicit ConclusionPage(QWidget *parent = nullptr);
+    ~ConclusionPage() override;
 
+    void setVisible(bool visible) override;
+    bool isComplete() const override;
     int nextId() const override;
+
+    /** The subtitle for a result code other than success. */
+    static QString failureText(int errCode, const QString &errMsg);
+
+public slots:
+    void doCopy();
+    void handleResult();
+    void moveBar(int barValue);
+    void resultSet(int errCode, QString errMsg);
+
+private:
+    void fixupPrivileges();
+    void fail(const char *reason);
+    void setBackEnabled(bool enabled);
+
+    QString errMsg;
+    bool complete = false;
+    bool needsPermissionFix = false;
+    int errCode = 0;
+    QString destPath;
+    QProgressBar *progressBar;
+    CopyThread *copyThread = nullptr;
+    bool preparing = false;
 };
 
 #endif

@@ -10,10 +10,16 @@ inline constexpr char kDefaultDestination[] = "/Library/Application Support/Halv
 inline constexpr char kSharedParent[] = "/Library/Application Support";
 /** The tool that gives a folder to a user and a group, run with rights. */
 inline constexpr char kChownTool[] = "/usr/sbin/chown";
+/** The maker's folder, shared by its products and prepared for all administrators. */
+inline constexpr char kMakersFolder[] = "/Library/Application Support/Halvornworks";
+/** The destination used when the page is shown without one; the missing blank is the product's own. */
+inline constexpr char kFallbackDestination[] = "/Library/ApplicationSupport/Halvornworks/VELDV400";
 #else
 inline constexpr char kDefaultDestination[] = "/usr/local/share/Halvornworks/VELDV400";
 inline constexpr char kSharedParent[] = "/usr/local/share";
 inline constexpr char kChownTool[] = "/bin/chown";
+inline constexpr char kMakersFolder[] = "/usr/local/share/Halvornworks";
+inline constexpr char kFallbackDestination[] = "/usr/local/share/Halvornworks/VELDV400";
 #endif
 
 #endif

@@ -4,13 +4,11 @@
 #include "platform/users.h"
 #include "privilegedsupport.h"
 #include "testsupport.h"
+#include "wizarddriver.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QMessageBox>
-#include <QPushButton>
 #include <QRegularExpression>
-#include <QTimer>
 #include <QtTest>
 
 #include <grp.h>
@@ -32,34 +30,6 @@ const QString kGuest = QStringLiteral("veldguest");
 
 // ---- The child: one call as the user, dialogs answered, outcome printed ----
 
-// Prints each message box as "dialog=TITLE|TEXT|INFORMATIVE|BUTTONS|ICON" (the default
-// button marked "*") and answers it by clicking its default button, or with Escape.
-void answerDialogs(bool escape)
-{
-    auto *timer = new QTimer(qApp);
-    QObject::connect(timer, &QTimer::timeout, [escape] {
-        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-        if (!box || box->property("answered").toBool())
-            return;
-        box->setProperty("answered", true);
-        QAbstractButton *chosen = box->defaultButton();
-        QStringList buttons;
-        for (QAbstractButton *button : box->buttons())
-            buttons << (button == chosen ? QStringLiteral("*") : QString()) + button->text().remove('&');
-        const QSize icon = box->iconPixmap().size();
-        QString shown = QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
-                                    QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
-                            .join('|');
-        printf("dialog=%s\n", shown.replace('\n', QLatin1String("\\n")).toUtf8().constData());
-        fflush(stdout);
-        if (escape)
-            QTest::keyClick(box, Qt::Key_Escape);
-        else
-            QTest::mouseClick(chosen ? chosen : box->buttons().value(0), Qt::LeftButton);
-    });
-    timer->start(20);
-}
-
 // --call [--scope N] [--log PATH] [--reason TEXT] [--escape] [--authority] FUNCTION ARGS...
 int callMain(int argc, char **argv)
 {
@@ -80,7 +50,7 @@ int callMain(int argc, char **argv)
             (option == QLatin1String("--escape") ? escape : authority) = true;
     }
     gAdminGid = getGroupId(adminGroupName());
-    answerDialogs(escape);
+    answerMessageBoxes(escape);
     if (authority)
         printf("authority=%d\n", createAuthority(&gMacAuthorizationRef) ? 1 : 0);
 

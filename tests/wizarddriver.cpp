@@ -1,12 +1,15 @@
 #include "wizarddriver.h"
 
 #include "pages/pageids.h"
+#include "workers/sizethread.h"
 #include "testsupport.h"
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QFileDialog>
 #include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QTimer>
 #include <QWizard>
 #include <QtTest>
@@ -22,6 +25,51 @@ void goToSourcePage(QWizard &wizard)
     wizard.show();
     clickAcceptBox(wizard);
     QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+}
+
+void goToDestPage(QWizard &wizard)
+{
+    goToSourcePage(wizard);
+    QVERIFY(SizeThread::waitForScans());
+    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+    QCOMPARE(wizard.currentId(), int(kPickDestPageId));
+}
+
+void choose(QWizard &wizard, const QString &folder)
+{
+    DialogAnswer answer;
+    answer.arm(folder);
+    QTest::mouseClick(wizard.page(kPickDestPageId)->findChild<QPushButton *>(), Qt::LeftButton);
+    QVERIFY(answer.answered);
+    QCOMPARE(answer.caption, QStringLiteral("Select Database destination"));
+    QCOMPARE(answer.startFolder, QString::fromLocal8Bit(qgetenv("HOME")));
+    QVERIFY(answer.dirsOnly);
+}
+
+void answerMessageBoxes(bool escape)
+{
+    auto *timer = new QTimer(qApp);
+    QObject::connect(timer, &QTimer::timeout, [escape] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        if (!box || box->property("answered").toBool())
+            return;
+        box->setProperty("answered", true);
+        QAbstractButton *chosen = box->defaultButton();
+        QStringList buttons;
+        for (QAbstractButton *button : box->buttons())
+            buttons << (button == chosen ? QStringLiteral("*") : QString()) + button->text().remove('&');
+        const QSize icon = box->iconPixmap().size();
+        QString shown = QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
+                                    QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
+                            .join('|');
+        printf("dialog=%s\n", shown.replace('\n', QLatin1String("\\n")).toUtf8().constData());
+        fflush(stdout);
+        if (escape)
+            QTest::keyClick(box, Qt::Key_Escape);
+        else
+            QTest::mouseClick(chosen ? chosen : box->buttons().value(0), Qt::LeftButton);
+    });
+    timer->start(20);
 }
 
 void DialogAnswer::arm(const QString &folder)
@@ -49,7 +97,7 @@ void DialogAnswer::arm(const QString &folder)
 }
 
 void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env,
-                 const CommandWrapper &wrap)
+                 const CommandWrapper &wrap, QString *output)
 {
     const QString program = layout + QStringLiteral("/Test Installer.app/Contents/MacOS/")
                             + QFileInfo(QCoreApplication::applicationFilePath()).fileName();
@@ -61,13 +109,15 @@ void runScenario(const QString &layout, const QString &scenario, const QProcessE
     child.setProcessChannelMode(QProcess::MergedChannels);
     child.start(command.first(), command.mid(1));
     QVERIFY(child.waitForFinished(240000));
-    const QString output = QString::fromLocal8Bit(child.readAll());
+    const QString printed = QString::fromLocal8Bit(child.readAll());
+    if (output)
+        *output = printed;
     // The toolkit's warnings would crowd the failures out of the message.
-    QStringList report = output.split(QLatin1Char('\n'));
+    QStringList report = printed.split(QLatin1Char('\n'));
     report.erase(std::remove_if(report.begin(), report.end(),
                                 [](const QString &line) { return line.startsWith(QLatin1String("QWARN")); }),
                  report.end());
     const QByteArray message = report.join(QLatin1Char('\n')).toLocal8Bit();
     QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, message.constData());
-    QVERIFY2(output.contains(QStringLiteral("0 failed, 0 skipped")), message.constData());
+    QVERIFY2(printed.contains(QStringLiteral("0 failed, 0 skipped")), message.constData());
 }

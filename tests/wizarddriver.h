@@ -31,6 +31,20 @@ struct DialogAnswer {
     void arm(const QString &folder);
 };
 
+/** Clicks Continue on the source page once the scans have ended, reaching the destination page. */
+void goToDestPage(QWizard &wizard);
+
+/** Picks folder with the destination page's "Choose..." button and checks the dialog it opens. */
+void choose(QWizard &wizard, const QString &folder);
+
+/**
+ * From now on, prints every message box as "dialog=TITLE|TEXT|INFORMATIVE|
+ * BUTTONS|ICON" (the default button marked "*", line breaks as "\n") and
+ * answers it by clicking its default button (its only button when none is
+ * default), or with Escape.
+ */
+void answerMessageBoxes(bool escape);
+
 /** The command line that runs program with args, as a test wraps it (a namespace, another user). */
 using CommandWrapper = std::function<QStringList(const QString &program, const QStringList &args)>;
 
@@ -38,9 +52,10 @@ using CommandWrapper = std::function<QStringList(const QString &program, const Q
  * Copies this test program into a bundle "Test Installer.app" in layout and
  * runs its "--scenario NAME" mode there, wrapped by wrap, with env; fails the
  * current test unless every scenario case passes. The copy's bundle makes
- * layout/VELDV400 the source beside it.
+ * layout/VELDV400 the source beside it. output, when given, receives what
+ * the scenario printed.
  */
 void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env,
-                 const CommandWrapper &wrap);
+                 const CommandWrapper &wrap, QString *output = nullptr);
 
 #endif
