@@ -89,7 +89,7 @@ void InstallScenarios::install()
     QVERIFY2(wizard.currentId() == int(kConclusionPageId), qPrintable(wizard.currentPage()->subTitle()));
     QWizardPage *page = wizard.currentPage();
     QStringList order;
-    for (const QFileInfo &file : sResultList)
+    for (const QFileInfo &file : sResultList.mid(0, 20))
         order << file.fileName();
     printf("files=%d move=%d order=%s\n", int(sResultList.size()), sCopyFiles ? 1 : 0, qPrintable(order.join(',')));
     QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());

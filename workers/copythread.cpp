@@ -27,6 +27,7 @@ CopyThread::~CopyThread()
 {
     cancel();
     wait();
+    std::lock_guard<std::mutex> ended(m_running);
 }
 
 QString CopyThread::getPath() const
@@ -66,6 +67,7 @@ QString CopyThread::processErrorText(QProcess::ProcessError error)
 
 void CopyThread::run()
 {
+    std::lock_guard<std::mutex> running(m_running);
     unpriviledgedCopy();
 }
 

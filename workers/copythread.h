@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <mutex>
 
 /**
  * Transfers the database's data files into one folder on a thread of its own,
@@ -63,6 +64,9 @@ private:
     const QList<QFileInfo> files;
     const bool moveFiles;
     std::atomic<bool> m_cancelled{false};
+    // Held for the whole of run(): the destructor takes it after wait(), so that the end of
+    // the thread's use of this object is visible to tools that do not see inside QThread.
+    std::mutex m_running;
 };
 
 #endif
