@@ -11,6 +11,7 @@
 
 #include <QHBoxLayout>
 #include <QProgressBar>
+#include <QScopeGuard>
 #include <QTimer>
 #include <QVariant>
 #include <QWizard>
@@ -101,6 +102,7 @@ void ConclusionPage::doCopy()
     if (preparing || (copyThread && !copyThread->isFinished()))
         return;
     preparing = true;
+    const auto prepared = qScopeGuard([this] { preparing = false; });
     gSystemScope = 1;
     const QByteArray dest = destPath.toUtf8();
     if (access(dest.constData(), W_OK) != 0) {
@@ -109,13 +111,11 @@ void ConclusionPage::doCopy()
             needsPermissionFix = true;
             // Always the fixed folder, even when destPath names another one beside it.
             if (verifyResourceDirectory(kMakersFolder, "VELDV400") != 0) {
-                preparing = false;
                 fail(" was not able to access the selected location.");
                 return;
             }
         } else if (mkdir(dest.constData(), kFolderMode) != 0) {
             if (!gMacAuthorizationRef && establishPrivsForSetup() != 0) {
-                preparing = false;
                 fail(" was not able to write the database to the selected location.");
                 return;
             }
@@ -124,7 +124,6 @@ void ConclusionPage::doCopy()
             char *argv[] = {const_cast<char *>("-m"), mode, const_cast<char *>(dest.constData()), nullptr};
             if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", argv)) {
                 log_msg("doCopy: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", argv[0], argv[1], argv[2]);
-                preparing = false;
                 fail(" was not able to write the database to the selected location.");
                 return;
             }
@@ -136,16 +135,13 @@ void ConclusionPage::doCopy()
     }
 
     // The transfer takes the list as it stands: a scan still running is waited for first.
-    if (!SizeThread::waitForScans()) {
-        preparing = false;
+    if (!SizeThread::waitForScans())
         return;
-    }
     copyThread = new CopyThread(this, destPath);
     connect(copyThread, &QThread::finished, this, &ConclusionPage::handleResult);
     connect(copyThread, &CopyThread::copiedFile, this, &ConclusionPage::moveBar);
     connect(copyThread, &CopyThread::copyResult, this, &ConclusionPage::resultSet);
     progressBar->setMaximum(sResultList.size());
-    preparing = false;
     if (!copyThread->isRunning())
         copyThread->start(QThread::InheritPriority);
 }
