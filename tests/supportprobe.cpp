@@ -6,6 +6,7 @@
 #include "platform/log.h"
 #include "platform/prefstore.h"
 #include "platform/users.h"
+#include "service/launchdaemon.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -143,6 +144,14 @@ int main(int argc, char **argv)
                                                                    gMacAuthorizationRef);
             printf("%s=%d\n", command.c_str(), result ? 1 : 0);
             i += 3;
+        } else if (command == "launchd" && i + 3 < argc) {
+            printf("launchd=%d\n", createLaunchDaemonAgent(argv[i + 1], atoi(argv[i + 2]) != 0, atoi(argv[i + 3]) != 0));
+            i += 3;
+        } else if (command == "lockfile" && hasArg) {
+            createServerControlLockFile(argv[++i]);
+        } else if (command == "exitnow") {
+            // Ends without flushing or closing any stream.
+            _exit(0);
         } else if (command == "wait") {
             // Holds the process (and its authority) until a line arrives on standard input.
             printf("waiting pid=%d\n", int(getpid()));

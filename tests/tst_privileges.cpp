@@ -3,6 +3,7 @@
 #include "platform/privileges.h"
 #include "platform/users.h"
 #include "privilegedsupport.h"
+#include "service/launchdaemon.h"
 #include "testsupport.h"
 #include "wizarddriver.h"
 
@@ -70,6 +71,8 @@ int callMain(int argc, char **argv)
         result = createResourceDirectory(first.constData(), second.constData());
     else if (function == QLatin1String("verify"))
         result = verifyResourceDirectory(first.constData(), second.constData());
+    else if (function == QLatin1String("launchd"))
+        result = createLaunchDaemonAgent(first.constData(), args.value(2) == QLatin1String("1"), true);
     printf("result=%d\n", result);
     if (gMacAuthorizationRef)
         freeAuthority(&gMacAuthorizationRef);
@@ -173,8 +176,12 @@ private slots:
     void cleanup();
     void steps_data();
     void steps();
+    void launchDefinition_data();
+    void launchDefinition();
 
 private:
+    void steps_data_columns();
+
     QTemporaryDir m_dir;
     CountingLauncher m_launcher;
 };
@@ -192,7 +199,7 @@ void tst_Privileges::cleanup()
     QVERIFY(allGone(helperProcesses(kHelper)));
 }
 
-void tst_Privileges::steps_data()
+void tst_Privileges::steps_data_columns()
 {
     QTest::addColumn<QString>("user");
     QTest::addColumn<QString>("special");      // "readonly": the case's folder is read-only; "nogroup":
@@ -204,7 +211,11 @@ void tst_Privileges::steps_data()
     QTest::addColumn<QStringList>("log");      // the whole log; "*" stands for any text
     QTest::addColumn<int>("launches");
     QTest::addColumn<QStringList>("dialogs");
+}
 
+void tst_Privileges::steps_data()
+{
+    steps_data_columns();
     const QStringList none;
     const QStringList member = memberLines();
     const QStringList outsider = outsiderLines();
@@ -381,6 +392,33 @@ void tst_Privileges::steps_data()
          "Permission denied"});
 }
 
+void tst_Privileges::launchDefinition_data()
+{
+    steps_data_columns();
+    const QStringList fixture{"ld d root:root 0755"};
+    const QString trampoline =
+        QStringLiteral("createLaunchDaemonAgent: trying to cp /tmp/qv_computecontrol.* to @/ld/x.plist with trampoline");
+    QTest::newRow("system-wide in root's folder: copied into place with rights")
+        << kAdmin << QString() << fixture << QStringList{"launchd", "@/ld/x.plist", "1"} << 0
+        << QStringList{"ld/x.plist root:root 0644"} << QStringList{trampoline} + memberLines() << 1
+        << QStringList{infoBox(kReason)};
+    QTest::newRow("system-wide, rights refused") << kGuest << QString() << fixture
+                                                 << QStringList{"launchd", "@/ld/x.plist", "1"} << 2
+                                                 << QStringList{"ld/x.plist absent"}
+                                                 << QStringList{trampoline} + outsiderLines() << 0
+                                                 << QStringList{kOutsiderBox};
+    QTest::newRow("per user in root's folder") << kAdmin << QString() << fixture
+                                               << QStringList{"launchd", "@/ld/x.plist", "0"} << 6
+                                               << QStringList{"ld/x.plist absent"}
+                                               << QStringList{"Error trying to create @/ld/x.plist, Permission denied"}
+                                               << 0 << QStringList();
+}
+
+void tst_Privileges::launchDefinition()
+{
+    steps();
+}
+
 void tst_Privileges::steps()
 {
     REQUIRE_PRIVILEGED();
@@ -459,11 +497,12 @@ void tst_Privileges::steps()
         if (expected.contains(QLatin1String("Unable")) || expected.contains(QLatin1String("not a directory"))
             || expected.contains(QLatin1String("exists and has owner")))
             QVERIFY2(run.err.contains(expected + '\n'), qPrintable(run.err));
-        // The experiment's file does not outlive it.
-        static const QRegularExpression probe(QStringLiteral("mkstemp\\((/tmp/qv_computecontrol\\.\\S+)\\)"));
+        // The experiment's file does not outlive it, nor does a definition's once copied into place.
+        static const QRegularExpression probe(
+            QStringLiteral("(mkstemp\\(|trying to cp )(/tmp/qv_computecontrol\\.[^) ]+)"));
         const QRegularExpressionMatch made = probe.match(written[i]);
-        if (made.hasMatch())
-            QVERIFY(!QFileInfo::exists(made.captured(1)));
+        if (made.hasMatch() && (made.captured(1).startsWith(QLatin1String("mkstemp")) || result == 0))
+            QVERIFY2(!QFileInfo::exists(made.captured(2)), qPrintable(made.captured(2)));
     }
 }
 

@@ -1,0 +1,171 @@
+#include "launchdaemon.h"
+
+#include "platform/authority.h"
+#include "platform/log.h"
+#include "platform/privileges.h"
+#include "platform/users.h"
+
+#include <QString>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const char kDaemonPath[] = "/Library/LaunchDaemons/com.halvorn.qv_computeservice.plist";
+const char kAgentPath[] = "/Library/LaunchAgents/com.halvorn.qv_computeservice.plist";
+
+std::string sPidLockPath;
+
+// The same text to standard error (flushed at once) and to the log.
+void reportError(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void reportError(const char *format, ...)
+{
+    char text[8192];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    fputs(text, stderr);
+    fflush(stderr);
+    log_msg("%s", text);
+}
+
+bool runWithRights(const char *tool, std::initializer_list<const char *> args)
+{
+    std::vector<char *> argv;
+    for (const char *arg : args)
+        argv.push_back(const_cast<char *>(arg));
+    argv.push_back(nullptr);
+    return runCommandWithAuthority(gMacAuthorizationRef, tool, argv.data());
+}
+
+} // namespace
+
+void writeLaunchDaemonAgent(FILE *stream, bool withUserName, const char *serviceFolder, const char *flagText)
+{
+    fprintf(stream, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+    fprintf(stream, "<!DOCTYPE plist PUBLIC \"-//Apple Computer//DTD PLIST 1.0//EN\"\n");
+    fprintf(stream, "    \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n");
+    fprintf(stream, "<plist version=\"1.0\">\n");
+    fprintf(stream, "<dict>\n");
+    fprintf(stream, "    <key>Label</key>\n");
+    fprintf(stream, "        <string>com.halvorn.qv_computeservice</string>\n");
+    fprintf(stream, "    <key>ProgramArguments</key>\n");
+    fprintf(stream, "        <array>\n");
+    fprintf(stream, "            <string>%s/qv_computeservice</string>\n", serviceFolder ? serviceFolder : "(null)");
+    fprintf(stream, "        </array>\n");
+    if (withUserName) {
+        fprintf(stream, "    <key>UserName</key>\n");
+        fprintf(stream, "        <string>%s</string>\n", getUserName(getuid()).c_str());
+    }
+    fprintf(stream, "    <key>RunAtLoad</key>\n");
+    fprintf(stream, "        %s\n", flagText);
+    fprintf(stream, "    <key>KeepAlive</key>\n");
+    // The ninth blank is the product's own.
+    fprintf(stream, "         %s\n", flagText);
+    fprintf(stream, "</dict>\n");
+    fprintf(stream, "</plist>\n");
+}
+
+int createLaunchDaemonAgent(const char *path, bool systemWide, bool run)
+{
+    const char *serviceFolder = getenv("QUOR_COMPUTESERVICE");
+    const char *flagText = run ? "<true/>" : "<false/>";
+    if (FILE *stream = fopen(path, "w")) {
+        writeLaunchDaemonAgent(stream, systemWide, serviceFolder, flagText);
+        // Closed here, so that the definition is on disk even if the process ends abruptly.
+        fclose(stream);
+        return 0;
+    }
+    const int error = errno;
+    if (!systemWide) {
+        reportError("Error trying to create %s, %s\n", path, strerror(error));
+        return 6;
+    }
+    if (error != EPERM && error != EACCES) {
+        reportError("Error trying to create system %s, %s\n", path, strerror(error));
+        return 5;
+    }
+
+    char temp[] = "/tmp/qv_computecontrol.XXXXXX";
+    const int fd = mkstemp(temp);
+    FILE *stream = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (!stream) {
+        const int openError = errno;
+        // The two texts differ in their indent; both are the product's own.
+        fprintf(stderr, "createLaunchDaemonAgent: Error trying to open %s\n  %s\n", temp, strerror(openError));
+        fflush(stderr);
+        log_msg("createLaunchDaemonAgent: Error trying to open %s\n   %s\n", temp, strerror(openError));
+        if (fd >= 0)
+            close(fd);
+        return 1;
+    }
+    writeLaunchDaemonAgent(stream, true, serviceFolder, flagText);
+    fclose(stream);
+    log_msg("createLaunchDaemonAgent: trying to cp %s to %s with trampoline\n", temp, path);
+    if (!gMacAuthorizationRef && establishPrivsForSetup() != 0)
+        return 2;
+    if (!runWithRights("/bin/cp", {temp, path})) {
+        reportError("createLaunchDaemonAgent: unable to copy %s to %s\n", temp, path);
+        return 3;
+    }
+    if (!runWithRights("/bin/chmod", {"0644", path})) {
+        reportError("createLaunchDaemonAgent: Unable to make %s readable by all users\n", path);
+        return 4;
+    }
+    unlink(temp);
+    return 0;
+}
+
+int rewriteLaunchDaemonAgentFile(const char *path, bool systemWide, bool run)
+{
+    gPrivilegeReason = QStringLiteral("VELD Installer") + QStringLiteral(" needs privileges to change QuorvanServer's ")
+                       + QStringLiteral("state for all users.") + QStringLiteral("\n\n")
+                       + QStringLiteral("You will be asked to provide the name and password ")
+                       + QStringLiteral("of a user that has administrative capabilities for this computer.");
+    return createLaunchDaemonAgent(path, systemWide, run);
+}
+
+std::string getServerPlistLocation()
+{
+    if (gSystemScope)
+        return kDaemonPath;
+    const char *home = getenv("HOME");
+    if (!home)
+        return std::string();
+    return std::string(home) + kAgentPath;
+}
+
+int verifyServerPlist()
+{
+    struct stat status;
+    return stat(getServerPlistLocation().c_str(), &status) == 0 ? 0 : errno;
+}
+
+void createServerControlLockFile(const char *folder)
+{
+    sPidLockPath = std::string(folder) + "/" + "QuorvanServer" + "/Control.pid";
+    const std::string login = getUserName(getuid());
+    FILE *lock = fopen(sPidLockPath.c_str(), "w");
+    if (!lock) {
+        reportError("createPidLockFile:Unable to create/write control pid lock file, %s\n%s", sPidLockPath.c_str(),
+                    strerror(errno));
+        return;
+    }
+    fprintf(lock, "%d", int(getpid()));
+    if (!login.empty())
+        fprintf(lock, " %s", login.c_str());
+    fclose(lock);
+}
+
+int removeServerControlLockFile()
+{
+    return unlink(sPidLockPath.c_str());
+}
