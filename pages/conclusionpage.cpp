@@ -121,9 +121,8 @@ void ConclusionPage::doCopy()
             }
             char mode[8];
             snprintf(mode, sizeof mode, "%o", unsigned(kFolderMode));
-            char *argv[] = {const_cast<char *>("-m"), mode, const_cast<char *>(dest.constData()), nullptr};
-            if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", argv)) {
-                log_msg("doCopy: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", argv[0], argv[1], argv[2]);
+            if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", mode, dest.constData()})) {
+                log_msg("doCopy: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", mode, dest.constData());
                 fail(" was not able to write the database to the selected location.");
                 return;
             }
@@ -204,8 +203,7 @@ void ConclusionPage::fixupPrivileges()
     const QByteArray dest = destPath.toUtf8();
     strncpy(path, dest.constData(), sizeof path - 1);
     path[sizeof path - 1] = '\0';
-    char *argv[] = {const_cast<char *>("0775"), path, nullptr};
-    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/chmod", argv)) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/chmod", {"0775", path})) {
         fprintf(stderr, "fixupPrivileges: Unable to revert permission on directory %s\n", path);
         fflush(stderr);
     }

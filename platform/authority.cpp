@@ -3,6 +3,8 @@
 #include "authority_os.h"
 #include "log.h"
 
+#include <vector>
+
 AuthorizationRef gMacAuthorizationRef = nullptr;
 
 bool createAuthority(AuthorizationRef *ref)
@@ -44,6 +46,16 @@ bool runCommandWithAuthority(AuthorizationRef auth, const char *tool, char *cons
     fprintf(stderr, " status=%d\n", int(status));
     fflush(stderr);
     return false;
+}
+
+bool runCommandWithAuthority(AuthorizationRef auth, const char *tool, std::initializer_list<const char *> args)
+{
+    // The classic interface takes a mutable argument vector; nothing writes to it.
+    std::vector<char *> argv;
+    for (const char *arg : args)
+        argv.push_back(const_cast<char *>(arg));
+    argv.push_back(nullptr);
+    return runCommandWithAuthority(auth, tool, argv.data());
 }
 
 bool runCommandWithAuthorityToLog(AuthorizationRef auth, const char *tool, char *const *argv, FILE *log)

@@ -2,6 +2,7 @@
 #define VELD_PLATFORM_AUTHORITY_H
 
 #include <cstdio>
+#include <initializer_list>
 
 /*
  * The administrator right, obtained once and interactively, and the system
@@ -64,6 +65,9 @@ OSStatus freeAuthority(AuthorizationRef *ref);
  * started; its exit code is never read. A failure is reported on standard error.
  */
 bool runCommandWithAuthority(AuthorizationRef auth, const char *tool, char *const *argv);
+
+/** runCommandWithAuthority with the arguments as a list. */
+bool runCommandWithAuthority(AuthorizationRef auth, const char *tool, std::initializer_list<const char *> args);
 
 /**
  * As runCommandWithAuthority, but the command and its standard output go to

@@ -116,6 +116,18 @@ void log_msg(const char *format, ...)
     va_end(args);
 }
 
+void logFailure(const char *format, ...)
+{
+    char text[kMessageSize];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    fputs(text, stderr);
+    fflush(stderr);
+    log_msg("%s", text);
+}
+
 void log_time_msg(int, const char *format, ...)
 {
     va_list args;

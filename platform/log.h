@@ -41,6 +41,10 @@ FILE *FELogging();
  *  Messages longer than 8191 bytes are cut. */
 void log_msg(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+/** Writes the message to standard error, flushed at once, and the same text to the log as
+ *  log_msg does; the caller ends its format with "\n". */
+void logFailure(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
 /** Writes the formatted message with no prefix. */
 void log_msg_cont(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -10,13 +10,10 @@
 #include <QPushButton>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 int32_t gSystemScope = 0;
 uint32_t gAdminGid = kUnknownGroupId;
@@ -31,20 +28,6 @@ const mode_t kUserMode = 0755;
 const mode_t kExpectedParentMode = 040775;
 const mode_t kDirectoryBit = 040000;
 const mode_t kGroupWriteBit = 020;
-
-// The same text to standard error (flushed at once) and to the log.
-void reportError(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void reportError(const char *format, ...)
-{
-    char text[8192];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    fputs(text, stderr);
-    fflush(stderr);
-    log_msg("%s", text);
-}
 
 QString dialogTitle()
 {
@@ -63,16 +46,6 @@ void prepareBox(QMessageBox &box)
 bool haveAuthority()
 {
     return gMacAuthorizationRef || establishPrivsForSetup() == 0;
-}
-
-bool runWithRights(const char *tool, std::initializer_list<const char *> args)
-{
-    // The authority's interface takes the classic mutable argument vector; nothing writes to it.
-    std::vector<char *> argv;
-    for (const char *arg : args)
-        argv.push_back(const_cast<char *>(arg));
-    argv.push_back(nullptr);
-    return runCommandWithAuthority(gMacAuthorizationRef, tool, argv.data());
 }
 
 bool refusedByFileSystem(int error)
@@ -155,12 +128,12 @@ int fixupDirectory(const char *path)
     struct stat status;
     if (stat(path, &status) != 0) {
         const int error = errno;
-        reportError("fixupDirectory: Unable to determine status of directory...\n    %s\n%s\n", path, strerror(error));
+        logFailure("fixupDirectory: Unable to determine status of directory...\n    %s\n%s\n", path, strerror(error));
         return 1;
     }
     // The bit alone, as the product has always tested it.
     if (!(status.st_mode & kDirectoryBit)) {
-        reportError("fixupDirectory: %s is not a directory.\n", path);
+        logFailure("fixupDirectory: %s is not a directory.\n", path);
         return 2;
     }
 
@@ -170,7 +143,7 @@ int fixupDirectory(const char *path)
             changed = true;
         } else if (!refusedByFileSystem(errno)) {
             const int error = errno;
-            reportError("fixupDirectory: Unable to change group to 'admin' on directory...\n    %s\n%s\n", path,
+            logFailure("fixupDirectory: Unable to change group to 'admin' on directory...\n    %s\n%s\n", path,
                         strerror(error));
             return 4;
         } else {
@@ -179,8 +152,8 @@ int fixupDirectory(const char *path)
                 return 4;
             char gid[16];
             snprintf(gid, sizeof gid, "%d", int32_t(gAdminGid));
-            if (!runWithRights("/usr/bin/chgrp", {gid, path})) {
-                reportError("fixupDirectory: Unable to change group to 'admin' on directory %s\n", path);
+            if (!runCommandWithAuthority(gMacAuthorizationRef, "/usr/bin/chgrp", {gid, path})) {
+                logFailure("fixupDirectory: Unable to change group to 'admin' on directory %s\n", path);
                 return 3;
             }
             changed = true;
@@ -194,15 +167,15 @@ int fixupDirectory(const char *path)
         // The whole permission set becomes 0775, not only the group-write bit.
         if (!refusedByFileSystem(errno)) {
             const int error = errno;
-            reportError("fixupDirectory: Unable to add group write permission on directory...\n    %s\n%s\n", path,
+            logFailure("fixupDirectory: Unable to add group write permission on directory...\n    %s\n%s\n", path,
                         strerror(error));
             return 6;
         }
         log_msg("fixupDirectory: trying to set chmod group-admin perms on %s\n", path);
         if (!haveAuthority())
             return 4;
-        if (!runWithRights("/bin/chmod", {"0775", path})) {
-            reportError("fixupDirectory: Unable to add group write permission on directory %s\n", path);
+        if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/chmod", {"0775", path})) {
+            logFailure("fixupDirectory: Unable to add group write permission on directory %s\n", path);
             return 5;
         }
     }
@@ -219,7 +192,7 @@ int createProductDirectory(const char *path)
         return fixupDirectory(path);
     }
     const int error = errno;
-    reportError("createProductDirectory: Unable to mkdir %s, %s\n", path, strerror(error));
+    logFailure("createProductDirectory: Unable to mkdir %s, %s\n", path, strerror(error));
     if (!gSystemScope) {
         log_msg("createProductDirectory: gSystemScope = 0, user not privileged\n");
         return 3;
@@ -230,13 +203,13 @@ int createProductDirectory(const char *path)
         return 4;
     char modeText[8];
     snprintf(modeText, sizeof modeText, "%o", unsigned(mode));
-    if (!runWithRights("/bin/mkdir", {"-m", modeText, path})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", modeText, path})) {
         log_msg("createProductDirectory: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", modeText, path);
         return 1;
     }
     char owner[32];
     snprintf(owner, sizeof owner, "%d:%d", int(getuid()), int32_t(adminGid));
-    if (!runWithRights(kChownTool, {owner, path})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, kChownTool, {owner, path})) {
         // The wrong path in this text is the product's own.
         log_msg("createProductDirectory: runCommandWithAuthority(/bin/usr/sbin/chown %s %s) failed\n", owner, path);
         return 2;
@@ -257,7 +230,7 @@ int createResourceDirectory(const char *parent, const char *name)
         return createProductDirectory(full.c_str());
     }
     const int error = errno;
-    reportError("createResourceDirectory: Unable to mkdir %s, %s\n", parent, strerror(error));
+    logFailure("createResourceDirectory: Unable to mkdir %s, %s\n", parent, strerror(error));
     if (!gSystemScope) {
         log_msg("createResourceDirectory: gSystemScope = 0, user not privileged\n");
         return 5;
@@ -270,20 +243,20 @@ int createResourceDirectory(const char *parent, const char *name)
     snprintf(gid, sizeof gid, "%d", int32_t(adminGid));
     char owner[32];
     snprintf(owner, sizeof owner, "%d:%d", int(getuid()), int32_t(adminGid));
-    if (!runWithRights("/bin/mkdir", {"-m", "775", parent})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", "775", parent})) {
         log_msg("createResourceDirectory: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", "775", parent);
         return 1;
     }
-    if (!runWithRights("/usr/bin/chgrp", {gid, parent})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/usr/bin/chgrp", {gid, parent})) {
         log_msg("createResourceDirectory: runCommandWithAuthority(/usr/bin/chgrp %s %s) failed\n", gid, parent);
         return 2;
     }
-    if (!runWithRights("/bin/mkdir", {"-m", "775", full.c_str()})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", "775", full.c_str()})) {
         log_msg("createResourceDirectory: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", "775",
                 full.c_str());
         return 3;
     }
-    if (!runWithRights(kChownTool, {owner, full.c_str()})) {
+    if (!runCommandWithAuthority(gMacAuthorizationRef, kChownTool, {owner, full.c_str()})) {
         log_msg("createResourceDirectory: runCommandWithAuthority(/usr/sbin/chown %s %s) failed\n", owner, full.c_str());
         return 4;
     }
@@ -300,12 +273,12 @@ int verifyResourceDirectory(const char *parent, const char *name)
             log_msg("verifyResourceDirectory: %s does not exist, creating\n", parent);
             return createResourceDirectory(parent, name);
         }
-        reportError("verifyResourceDirectory: Unable to determine status of file...\n    %s\n%s\n", parent,
+        logFailure("verifyResourceDirectory: Unable to determine status of file...\n    %s\n%s\n", parent,
                     strerror(error));
         return 1;
     }
     if (gSystemScope && (status.st_mode != kExpectedParentMode || status.st_gid != gid_t(gAdminGid)))
-        reportError("verifyResourceDirectory: \"%s\" exists and has owner %d group %d and mode %o\n", parent,
+        logFailure("verifyResourceDirectory: \"%s\" exists and has owner %d group %d and mode %o\n", parent,
                     int(status.st_uid), int(status.st_gid), unsigned(status.st_mode));
     // A parent that cannot be fixed up may still hold a usable folder.
     const int fixup = fixupDirectory(parent);
@@ -321,7 +294,7 @@ int verifyResourceDirectory(const char *parent, const char *name)
         log_msg("verifyResourceDirectory: %s does not exist, creating\n", full.c_str());
         return createProductDirectory(full.c_str());
     }
-    reportError("verifyResourceDirectory: Unable to determine status of directory...\n    %s\n%s\n", full.c_str(),
+    logFailure("verifyResourceDirectory: Unable to determine status of directory...\n    %s\n%s\n", full.c_str(),
                 strerror(error));
     return 1;
 }

@@ -8,13 +8,10 @@
 #include <QString>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -22,29 +19,6 @@ const char kDaemonPath[] = "/Library/LaunchDaemons/com.halvorn.qv_computeservice
 const char kAgentPath[] = "/Library/LaunchAgents/com.halvorn.qv_computeservice.plist";
 
 std::string sPidLockPath;
-
-// The same text to standard error (flushed at once) and to the log.
-void reportError(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void reportError(const char *format, ...)
-{
-    char text[8192];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    fputs(text, stderr);
-    fflush(stderr);
-    log_msg("%s", text);
-}
-
-bool runWithRights(const char *tool, std::initializer_list<const char *> args)
-{
-    std::vector<char *> argv;
-    for (const char *arg : args)
-        argv.push_back(const_cast<char *>(arg));
-    argv.push_back(nullptr);
-    return runCommandWithAuthority(gMacAuthorizationRef, tool, argv.data());
-}
 
 } // namespace
 
@@ -86,11 +60,11 @@ int createLaunchDaemonAgent(const char *path, bool systemWide, bool run)
     }
     const int error = errno;
     if (!systemWide) {
-        reportError("Error trying to create %s, %s\n", path, strerror(error));
+        logFailure("Error trying to create %s, %s\n", path, strerror(error));
         return 6;
     }
     if (error != EPERM && error != EACCES) {
-        reportError("Error trying to create system %s, %s\n", path, strerror(error));
+        logFailure("Error trying to create system %s, %s\n", path, strerror(error));
         return 5;
     }
 
@@ -112,12 +86,12 @@ int createLaunchDaemonAgent(const char *path, bool systemWide, bool run)
     log_msg("createLaunchDaemonAgent: trying to cp %s to %s with trampoline\n", temp, path);
     if (!gMacAuthorizationRef && establishPrivsForSetup() != 0)
         return 2;
-    if (!runWithRights("/bin/cp", {temp, path})) {
-        reportError("createLaunchDaemonAgent: unable to copy %s to %s\n", temp, path);
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/cp", {temp, path})) {
+        logFailure("createLaunchDaemonAgent: unable to copy %s to %s\n", temp, path);
         return 3;
     }
-    if (!runWithRights("/bin/chmod", {"0644", path})) {
-        reportError("createLaunchDaemonAgent: Unable to make %s readable by all users\n", path);
+    if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/chmod", {"0644", path})) {
+        logFailure("createLaunchDaemonAgent: Unable to make %s readable by all users\n", path);
         return 4;
     }
     unlink(temp);
@@ -155,7 +129,7 @@ void createServerControlLockFile(const char *folder)
     const std::string login = getUserName(getuid());
     FILE *lock = fopen(sPidLockPath.c_str(), "w");
     if (!lock) {
-        reportError("createPidLockFile:Unable to create/write control pid lock file, %s\n%s", sPidLockPath.c_str(),
+        logFailure("createPidLockFile:Unable to create/write control pid lock file, %s\n%s", sPidLockPath.c_str(),
                     strerror(errno));
         return;
     }
