@@ -98,8 +98,8 @@ void ConclusionPage::fail(const char *reason)
 
 void ConclusionPage::doCopy()
 {
-    // One transfer per page, whatever the timers that pile up.
-    if (preparing || (copyThread && !copyThread->isFinished()))
+    // One transfer per page, whatever the timers that pile up, and none once the page was left.
+    if (!isVisible() || preparing || (copyThread && !copyThread->isFinished()))
         return;
     preparing = true;
     const auto prepared = qScopeGuard([this] { preparing = false; });
