@@ -138,9 +138,9 @@ QString describe(const QString &folder, const QString &rel, const QString &user)
 }
 
 // Makes "REL KIND OWNER:GROUP MODE" (KIND d or f) below folder, as root.
-bool makeEntry(const QString &folder, const QString &spec, const QString &user)
+bool makeEntry(const QString &folder, const QString &entry, const QString &user)
 {
-    const QStringList parts = spec.split(' ');
+    const QStringList parts = entry.split(QLatin1Char(' '));
     const QByteArray path = QFile::encodeName(folder + '/' + parts[0]);
     const QStringList ids = parts[2].split(':');
     const passwd *account = getpwnam(user.toLatin1().constData());
