@@ -68,9 +68,6 @@ class tst_CopyThread : public QObject
 
 private slots:
     void init();
-    void arguments();
-    void processErrors_data();
-    void processErrors();
     void transfer_data();
     void transfer();
     void cancelInTheMiddleOfAFile_data();
@@ -84,32 +81,6 @@ void tst_CopyThread::init()
 {
     sResultList.clear();
     sCopyFiles = false;
-}
-
-void tst_CopyThread::arguments()
-{
-    QCOMPARE(CopyThread::transferArguments(false, "/s/a.qventry", "/d//"), (QStringList{"-pf", "/s/a.qventry", "/d//"}));
-    QCOMPARE(CopyThread::transferArguments(true, "/s/a.qventry", "/d/"), (QStringList{"/s/a.qventry", "/d/"}));
-}
-
-void tst_CopyThread::processErrors_data()
-{
-    QTest::addColumn<int>("error");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("failed to start") << int(QProcess::FailedToStart) << " failed to start.";
-    QTest::newRow("crashed") << int(QProcess::Crashed) << " crashed.";
-    QTest::newRow("timed out") << int(QProcess::Timedout) << " no response.";
-    QTest::newRow("read error") << int(QProcess::ReadError) << " read error.";
-    QTest::newRow("write error") << int(QProcess::WriteError) << " write error.";
-    QTest::newRow("unknown") << int(QProcess::UnknownError) << " unknown error.";
-    QTest::newRow("a value of no name") << 42 << " unknown error.";
-}
-
-void tst_CopyThread::processErrors()
-{
-    QFETCH(int, error);
-    QFETCH(QString, text);
-    QCOMPARE(CopyThread::processErrorText(QProcess::ProcessError(error)), text);
 }
 
 void tst_CopyThread::transfer_data()

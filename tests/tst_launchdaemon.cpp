@@ -25,27 +25,6 @@ QString definition(bool withUserName, const char *folder, const char *flag)
     return result;
 }
 
-// The keys and values of the plist's dictionary as "key=value", read as XML.
-QStringList plistEntries(const QString &text, QString *error)
-{
-    QXmlStreamReader xml(text);
-    QStringList entries;
-    QString key;
-    while (!xml.atEnd()) {
-        xml.readNext();
-        if (!xml.isStartElement())
-            continue;
-        if (xml.name() == QLatin1String("key"))
-            key = xml.readElementText();
-        else if (xml.name() == QLatin1String("string") && !key.isEmpty())
-            entries << key + '=' + xml.readElementText();
-        else if (xml.name() == QLatin1String("true") || xml.name() == QLatin1String("false"))
-            entries << key + '=' + xml.name().toString();
-    }
-    *error = xml.hasError() ? xml.errorString() : QString();
-    return entries;
-}
-
 } // namespace
 
 class tst_LaunchDaemon : public QObject
@@ -102,16 +81,11 @@ void tst_LaunchDaemon::text()
              << "</dict>" << "</plist>" << "";
     QCOMPARE(written.split('\n'), expected);
 
-    // A well-formed property list with the entries the launcher reads.
-    QString error;
-    QStringList entries = plistEntries(written, &error);
-    QCOMPARE(error, QString());
-    const QString value = flag.mid(1, flag.size() - 3);
-    QStringList wanted{"Label=com.halvorn.qv_computeservice", "ProgramArguments=" + shownFolder + "/qv_computeservice"};
-    if (withUserName)
-        wanted << "UserName=" + QString::fromStdString(getUserName(getuid()));
-    wanted << "RunAtLoad=" + value << "KeepAlive=" + value;
-    QCOMPARE(entries, wanted);
+    // A well-formed property list, whatever tool checks it.
+    QXmlStreamReader xml(written);
+    while (!xml.atEnd())
+        xml.readNext();
+    QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
     const QString xmllint = QStandardPaths::findExecutable(QStringLiteral("xmllint"));
     if (!xmllint.isEmpty()) {
         QTemporaryFile file;
