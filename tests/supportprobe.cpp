@@ -5,6 +5,7 @@
 #include "platform/installpath.h"
 #include "platform/log.h"
 #include "platform/prefstore.h"
+#include "platform/sysinfo.h"
 #include "platform/users.h"
 #include "service/launchdaemon.h"
 
@@ -149,6 +150,17 @@ int main(int argc, char **argv)
             i += 3;
         } else if (command == "lockfile" && hasArg) {
             createServerControlLockFile(argv[++i]);
+        } else if (command == "machine") {
+            // The machine queries in a process without any application object.
+            uint32_t value = 0;
+            printf("null=%x,%x,%x\n", hn_ram(nullptr, true), hn_cpu_logical_count(nullptr, true),
+                   hn_cpu_count(nullptr, true));
+            fflush(stdout);
+            hn_ram(&value, true);
+            hn_cpu_logical_count(&value, true);
+            hn_cpu_count(&value, true);
+            printf("modifiers=%d buttons=%lu version=%d\n", int(MacGetModifierKeys()), MacMouseButtons(),
+                   MacOSVersion());
         } else if (command == "exitnow") {
             // Ends without flushing or closing any stream.
             _exit(0);
