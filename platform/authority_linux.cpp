@@ -19,6 +19,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// The helper relays the tool's output in pieces of the size that the installer's side promises.
+static_assert(authproto::kOutputPiece == kToolOutputPiece, "the helper's output pieces");
+
 struct VeldAuthority {
     pid_t process = -1;   // the launcher, or the helper itself when started directly
     int channel = -1;     // the stream to the helper while it runs

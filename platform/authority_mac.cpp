@@ -6,7 +6,6 @@
 namespace {
 
 const char kPrompt[] = "Quorvan '14 needs to configure itself to run on your system.";
-const size_t kChunkSize = 128;
 
 } // namespace
 
@@ -38,14 +37,14 @@ OSStatus osExecuteWithAuthority(AuthorizationRef ref, const char *tool, char *co
                                 bool *hadOutputPipe)
 {
     FILE *pipe = nullptr;
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wdeprecated-declarations"
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     const OSStatus status = AuthorizationExecuteWithPrivileges(ref, tool, kAuthorizationFlagDefaults, argv, &pipe);
-#pragma clang diagnostic pop
+#pragma GCC diagnostic pop
     *hadOutputPipe = pipe != nullptr;
     if (pipe) {
         // Reading to the end is the only wait for the tool; its exit status is never seen.
-        char buffer[kChunkSize];
+        char buffer[kToolOutputPiece];
         for (;;) {
             const ssize_t got = ::read(fileno(pipe), buffer, sizeof buffer);
             if (got < 0 && errno == EINTR)

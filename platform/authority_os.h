@@ -9,7 +9,10 @@
 #include <cstddef>
 #include <functional>
 
-/** Receives a tool's standard output, in the pieces in which it arrives (at most 128 bytes each). */
+/** The largest piece of a tool's output that reaches the installer at once, on both systems. */
+constexpr size_t kToolOutputPiece = 128;
+
+/** Receives a tool's standard output, in the pieces in which it arrives (at most kToolOutputPiece bytes). */
 using ToolOutput = std::function<void(const char *data, size_t size)>;
 
 /** Makes a new authority in *ref, holding no right yet. */

@@ -1,13 +1,8 @@
-#include "executable.h"
+#include "executable_os.h"
 
 #include <unistd.h>
 
-std::string currentExecutablePath()
+long osExecutablePath(char *buffer, size_t capacity)
 {
-    char buffer[4096];
-    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer));
-    // A result that fills the buffer may have been cut: report failure rather than a wrong path.
-    if (n < 1 || n >= static_cast<ssize_t>(sizeof(buffer)))
-        return std::string();
-    return std::string(buffer, static_cast<size_t>(n));
+    return long(readlink("/proc/self/exe", buffer, capacity));
 }

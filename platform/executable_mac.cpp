@@ -1,12 +1,10 @@
-#include "executable.h"
+#include "executable_os.h"
 
+#include <cstdint>
 #include <libproc.h>
 #include <unistd.h>
 
-std::string currentExecutablePath()
+long osExecutablePath(char *buffer, size_t capacity)
 {
-    char buffer[4096];
-    if (proc_pidpath(getpid(), buffer, sizeof(buffer)) < 1)
-        return std::string();
-    return std::string(buffer);
+    return proc_pidpath(getpid(), buffer, uint32_t(capacity));
 }
