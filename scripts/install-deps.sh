@@ -9,6 +9,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools
     fonts-dejavu-core
     util-linux sudo
+    gobjc++ libxml2-utils
 )
 [ "${1:-}" != --run ] || packages+=(xvfb xauth imagemagick)
 
