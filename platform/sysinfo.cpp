@@ -232,8 +232,8 @@ void GetMacMachineSpecs(char *out)
         return;
     const std::string model = sysctlbynamestring("hw.model");
     const std::string brand = sysctlbynamestring("machdep.cpu.brand_string");
-    const std::string specs = get_model_name(model, brand) + processorSummary(cpu_core_count());
-    memcpy(out, specs.c_str(), specs.size() + 1);
+    const std::string text = get_model_name(model, brand) + processorSummary(cpu_core_count());
+    memcpy(out, text.c_str(), text.size() + 1);
 }
 
 bool CCPUDirectory::Is64BitOS()

@@ -266,9 +266,9 @@ void tst_SysInfo::thisMachine()
     QCOMPARE(QString::fromStdString(sysctlbynamestring("hw.model")), model);
     const std::string brand = sysctlbynamestring("machdep.cpu.brand_string");
     QCOMPARE(GetMacBrandCPU(), get_model_name(model.toStdString(), brand) + " " + brand);
-    char specs[512];
-    GetMacMachineSpecs(specs);
-    QCOMPARE(std::string(specs), get_model_name(model.toStdString(), brand) + ::processorSummary(cores));
+    char machine[512];
+    GetMacMachineSpecs(machine);
+    QCOMPARE(std::string(machine), get_model_name(model.toStdString(), brand) + ::processorSummary(cores));
     QCOMPARE(CCPUDirectory::GetCPUDirectory(), std::string("P4e"));
     QCOMPARE(CCPUDirectory::GetDefaultCPUDirectory(), std::string("P4e"));
 }
