@@ -12,8 +12,6 @@
 namespace {
 
 const uint32_t kNullResult = 0xFFFFFFFF;
-const int kHardwareProcessorCount = 3;
-const int kHardwareMemorySize = 24;
 const size_t kStringSettingBytes = 512;
 const size_t kSummaryBytes = 29;
 

@@ -133,8 +133,8 @@ bool osSysctlByName(const char *name, void *buffer, size_t *size)
 bool osSysctlHardware(int item, void *buffer, size_t *size)
 {
     switch (item) {
-    case 3: return osSysctlByName("hw.ncpu", buffer, size);
-    case 24: return osSysctlByName("hw.memsize", buffer, size);
+    case kHardwareProcessorCount: return osSysctlByName("hw.ncpu", buffer, size);
+    case kHardwareMemorySize: return osSysctlByName("hw.memsize", buffer, size);
     default: return false;
     }
 }

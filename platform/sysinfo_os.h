@@ -12,8 +12,11 @@
  *  false when it cannot be read or is wider than *size. */
 bool osSysctlByName(const char *name, void *buffer, size_t *size);
 
-/** sysctl on the hardware group (6) and item (3: processor count, 24: memory size), with
- *  the same contract as osSysctlByName. */
+/** The items of the hardware group (6) that the queries read. */
+constexpr int kHardwareProcessorCount = 3;
+constexpr int kHardwareMemorySize = 24;
+
+/** sysctl on the hardware group and item, with the same contract as osSysctlByName. */
 bool osSysctlHardware(int item, void *buffer, size_t *size);
 
 MacVersionFacts osMacVersionFacts();
