@@ -105,10 +105,8 @@ void tst_SysInfo::modelName_data()
                                                << kMacBook52;
     QTest::newRow("one blank fewer") << kMacBook52 << "Intel(R) Core(TM)2 Duo CPU    P7450  @ 2.13GHz"
                                      << kMacBook52;
-    QTest::newRow("blanks collapsed") << kMacBook52 << "Intel(R) Core(TM)2 Duo CPU P7450 @ 2.13GHz" << kMacBook52;
     QTest::newRow("unknown model") << "Mac99,9" << kP7450 << "Mac99,9";
     QTest::newRow("no model") << "" << kP7450 << "";
-    QTest::newRow("no brand") << kMacBook52 << "" << kMacBook52;
 }
 
 void tst_SysInfo::modelName()
@@ -128,7 +126,6 @@ void tst_SysInfo::processorSummary_data()
     QTest::newRow("3") << 3 << " (3 processors)";
     QTest::newRow("4") << 4 << " (quad processor)";
     QTest::newRow("8") << 8 << " (8 processors)";
-    QTest::newRow("0") << 0 << " (0 processors)";
     QTest::newRow("widest") << int(INT_MIN) << " (-2147483648 processors)";
 }
 
@@ -269,8 +266,6 @@ void tst_SysInfo::thisMachine()
     char machine[512];
     GetMacMachineSpecs(machine);
     QCOMPARE(std::string(machine), get_model_name(model.toStdString(), brand) + ::processorSummary(cores));
-    QCOMPARE(CCPUDirectory::GetCPUDirectory(), std::string("P4e"));
-    QCOMPARE(CCPUDirectory::GetDefaultCPUDirectory(), std::string("P4e"));
 }
 
 void tst_SysInfo::liveInput()

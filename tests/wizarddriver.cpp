@@ -14,6 +14,8 @@
 #include <QWizard>
 #include <QtTest>
 
+#include <cstdio>
+
 void clickAcceptBox(QWizard &wizard)
 {
     QCheckBox *box = wizard.page(kEulaPageId)->findChild<QCheckBox *>();
@@ -118,6 +120,9 @@ void runScenario(const QString &layout, const QString &scenario, const QProcessE
                                 [](const QString &line) { return line.startsWith(QLatin1String("QWARN")); }),
                  report.end());
     const QByteArray message = report.join(QLatin1Char('\n')).toLocal8Bit();
+    // The test library cuts long failure messages; a sanitizer's report is kept whole here.
+    if (child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0)
+        fprintf(stderr, "%s\n", message.constData());
     QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, message.constData());
     QVERIFY2(printed.contains(QStringLiteral("0 failed, 0 skipped")), message.constData());
 }
