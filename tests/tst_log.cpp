@@ -8,60 +8,17 @@
 #include <pwd.h>
 #include <unistd.h>
 
-namespace {
-
-QString effectiveUserLine()
-{
-    const passwd *pw = getpwuid(geteuid());
-    return QStringLiteral("Effective UID is %1 \"%2\"(%3)")
-        .arg(QString::fromLocal8Bit(pw->pw_name), QString::fromLocal8Bit(pw->pw_gecos))
-        .arg(pw->pw_uid);
-}
-
-// Each expected entry is a pattern for the whole message.
-void compareMessages(const QStringList &actual, const QStringList &patterns)
-{
-    QCOMPARE(actual.size(), patterns.size());
-    for (int i = 0; i < patterns.size(); ++i) {
-        const QRegularExpression pattern(QRegularExpression::anchoredPattern(patterns[i]));
-        QVERIFY2(pattern.match(actual[i]).hasMatch(), qPrintable(actual[i] + QStringLiteral(" !~ ") + patterns[i]));
-    }
-}
-
-} // namespace
-
 class tst_Log : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
     void fileStamp_data();
     void fileStamp();
     void dateStamps();
-    void startFromPreference_data();
-    void startFromPreference();
-    void callSequences_data();
-    void callSequences();
-    void appendsOnEveryStart();
-
-private:
-    ScratchPreferences *m_prefs = nullptr;
-    QTemporaryDir *m_dir = nullptr;
+    void runs_data();
+    void runs();
 };
-
-void tst_Log::init()
-{
-    m_prefs = new ScratchPreferences;
-    m_dir = new QTemporaryDir;
-}
-
-void tst_Log::cleanup()
-{
-    delete m_prefs;
-    delete m_dir;
-}
 
 void tst_Log::fileStamp_data()
 {
@@ -87,144 +44,104 @@ void tst_Log::dateStamps()
     MDAC_log_datestr(mdac);
     const char *end = datestr_file(file);
     QCOMPARE(end, file + strlen(file));
-    const QRegularExpression stamp(QRegularExpression::anchoredPattern(kLogDateStampPattern));
-    QVERIFY2(stamp.match(QLatin1String(plain)).hasMatch(), plain);
-    QVERIFY2(stamp.match(QLatin1String(mdac)).hasMatch(), mdac);
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(kLogDateStampPattern)).match(mdac).hasMatch(), mdac);
     // Up to the minute: the stamps may straddle a second.
     QCOMPARE(QByteArray(file).left(16), QByteArray(plain).replace(' ', '_').replace(':', '_').left(16));
 }
 
-void tst_Log::startFromPreference_data()
+void tst_Log::runs_data()
 {
     QTest::addColumn<QString>("executable");
-    QTest::addColumn<QString>("userValue");   // "-": no such key
-    QTest::addColumn<QString>("systemValue"); // "-": no such key
-    QTest::addColumn<bool>("should");
-    QTest::addColumn<QString>("written");     // the log file that appears, "" for none
+    QTest::addColumn<QStringList>("lines");   // "user:" or "system:" and a line of the log's domain
+    QTest::addColumn<QStringList>("calls");   // of the probe; %1 and %2: two log files, %3: one in a missing folder
+    QTest::addColumn<QString>("out");
+    QTest::addColumn<QString>("first");       // a pattern for what is added to %1, which held a line before
+    QTest::addColumn<QString>("second");      // and to %2
 
-    const QString exe = QStringLiteral("VELD Installer");
-    QTest::newRow("no preference") << exe << "-" << "-" << false << "";
-    QTest::newRow("per user") << exe << "user.log" << "-" << true << "user.log";
-    QTest::newRow("system-wide") << exe << "-" << "system.log" << true << "system.log";
-    QTest::newRow("user before system") << exe << "user.log" << "system.log" << true << "user.log";
-    QTest::newRow("empty value") << exe << "" << "-" << false << "";
-    QTest::newRow("empty user value hides system") << exe << "" << "system.log" << false << "";
-    QTest::newRow("comma and blank in the path") << exe << "a, b.log" << "-" << true << "a, b.log";
-    QTest::newRow("folder missing") << exe << "missing/x.log" << "-" << true << "";
-    QTest::newRow("path is a folder") << exe << "." << "-" << true << "";
-    QTest::newRow("apostrophes and blanks") << "VELD In'staller 2" << "user.log" << "-" << true << "user.log";
-    QTest::newRow("plain name") << "veld-installer_2.1" << "user.log" << "-" << true << "user.log";
+    const passwd *pw = getpwuid(geteuid());
+    const QString user = QStringLiteral("Effective UID is %1 \"%2\"(%3)").arg(pw->pw_name, pw->pw_gecos).arg(pw->pw_uid);
+    const QString start = "---%1\\[(\\d+)\\] started---\n" + QRegularExpression::escape(user) + '\n';
+    // The messages' "[banner pid]" is the start line's; no blank before the date.
+    const QString line = "\\[%1 \\1\\]" + kLogDateStampPattern + ": %2\n";
+    const QString exe = "VELD Installer", key = "VELDInstaller_LogLocation=";
+    const QStringList hello{"should", "felog", "msg", "hello"};
+    const QString logged = start.arg("VELDInstaller") + line.arg("VELDInstaller", "hello");
+    const QString none = "should=0\nfelog=0\n", opened = "should=1\nfelog=1\n";
+    QTest::newRow("no preference") << exe << QStringList() << hello << none << "" << "";
+    QTest::newRow("per user") << exe << QStringList{"user:" + key + "\"%1\""} << hello << opened << logged << "";
+    QTest::newRow("system-wide") << exe << QStringList{"system:" + key + "\"%2\""} << hello << opened << "" << logged;
+    QTest::newRow("user before system") << exe << QStringList{"user:" + key + "\"%1\"", "system:" + key + "\"%2\""}
+                                        << hello << opened << logged << "";
+    QTest::newRow("empty value") << exe << QStringList{"user:" + key + "\"\""} << hello << none << "" << "";
+    QTest::newRow("empty user value hides system") << exe << QStringList{"user:" + key + "\"\"", "system:" + key + "\"%2\""}
+                                                   << hello << none << "" << "";
+    QTest::newRow("folder missing") << exe << QStringList{"user:" + key + "\"%3\""} << hello << "should=1\nfelog=0\n"
+                                    << "" << "";
+    QTest::newRow("apostrophes and blanks out of the key, other marks kept")
+        << "VELD In'staller-2.1_x" << QStringList{"user:VELDInstaller-2.1_x_LogLocation=\"%1\""} << hello << opened
+        << start.arg("VELDInstaller-2.1_x") + line.arg("VELDInstaller-2.1_x", "hello") << "";
+
+    QTest::newRow("second open keeps the first file")
+        << "probe" << QStringList() << QStringList{"open", "%1", "One", "open", "%2", "Two", "msg", "after"} << ""
+        << start.arg("One") + line.arg("One", "after") << "";
+    QTest::newRow("nothing before the open, formats after it")
+        << "probe" << QStringList()
+        << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"} << ""
+        << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three") << "";
+    QTest::newRow("replacing the stream: no banner")
+        << "probe" << QStringList() << QStringList{"open", "%1", "B", "macopen", "%2", "msg", "moved"} << "macopen=1\n"
+        << start.arg("B") << "\\[B \\d+\\]" + kLogDateStampPattern + ": moved\n";
+    QTest::newRow("transaction log from its key")
+        << "probe" << QStringList{"system:ExchangeLog=\"%1\""}
+        << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"} << ""
+        << start.arg("Exchange") + line.arg("Exchange", "done") << "";
+    // An unended message runs into the next line's prefix, which shows where it was cut.
+    for (int length : {8191, 8192})
+        QTest::addRow("message of %d", length)
+            << "probe" << QStringList() << QStringList{"open", "%1", "B", "long", QString::number(length), "msg", ""}
+            << "" << start.arg("B") + line.arg("B", "x{8191}").chopped(1) + line.arg("B", "") << "";
 }
 
-// The whole start: executable name to banner and key, preference to file, first lines.
-void tst_Log::startFromPreference()
+// The whole start (executable name to banner and key, preference to file, first
+// lines) and the calls after it. Log files are appended to, never truncated.
+void tst_Log::runs()
 {
     QFETCH(QString, executable);
-    QFETCH(QString, userValue);
-    QFETCH(QString, systemValue);
-    QFETCH(bool, should);
-    QFETCH(QString, written);
-
-    const QString banner = QString(executable).remove(QLatin1Char(' ')).remove(QLatin1Char('\''));
-    const QString logs = m_dir->filePath(QStringLiteral("logs"));
-    QDir().mkpath(logs);
-    auto entry = [&](const QString &value) {
-        if (value == QLatin1String("-"))
-            return QStringList();
-        const QString path = value.isEmpty() ? QString() : logs + QLatin1Char('/') + value;
-        return QStringList{QStringLiteral("%1_LogLocation=\"%2\"").arg(banner, path)};
-    };
-    m_prefs->writeDomainFile(m_prefs->userFolder(), QStringLiteral("com.halvorn.Quorvan"), entry(userValue));
-    m_prefs->writeDomainFile(m_prefs->systemFolder(), QStringLiteral("com.halvorn.Quorvan"), entry(systemValue));
-
-    const QString probe = placeProbe(m_dir->filePath(QStringLiteral("bin/") + executable));
-    const ProcessResult run = runProcess(probe, {"should", "felog", "msg", "hello"}, m_prefs->environment());
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, QStringLiteral("should=%1\nfelog=%2\n").arg(should).arg(!written.isEmpty()));
-    QCOMPARE(QDir(logs).entryList(QDir::Files), written.isEmpty() ? QStringList() : QStringList{written});
-    if (written.isEmpty())
-        return;
-
-    QFile file(logs + QLatin1Char('/') + written);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    QCOMPARE(lines.size(), 4);
-    const QRegularExpressionMatch start =
-        QRegularExpression(QStringLiteral("^---%1\\[(\\d+)\\] started---$").arg(QRegularExpression::escape(banner)))
-            .match(lines[0]);
-    QVERIFY2(start.hasMatch(), qPrintable(lines[0]));
-    QCOMPARE(lines[1], effectiveUserLine());
-    // No blank between "]" and the date.
-    const QString line = QStringLiteral("^\\[%1 %2\\]%3: hello$").arg(QRegularExpression::escape(banner), start.captured(1), kLogDateStampPattern);
-    QVERIFY2(QRegularExpression(line).match(lines[2]).hasMatch(), qPrintable(lines[2]));
-    QCOMPARE(lines[3], QString());
-}
-
-void tst_Log::callSequences_data()
-{
-    QTest::addColumn<QStringList>("calls");   // %1 and %2: two log files
-    QTest::addColumn<QStringList>("first");   // patterns for the messages in %1
-    QTest::addColumn<bool>("secondExists");
-
-    const QString started = QStringLiteral("---%1\\[\\d+\\] started---");
-    const QString user = QRegularExpression::escape(effectiveUserLine());
-    QTest::newRow("second open keeps the first file")
-        << QStringList{"open", "%1", "One", "open", "%2", "Two", "msg", "after"}
-        << QStringList{started.arg("One"), user, "after"} << false;
-    QTest::newRow("nothing before the open, formats after it")
-        << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"}
-        << QStringList{started.arg("B"), user, "one: 100%", "  two", "three"} << false;
-    QTest::newRow("replacing the stream: no banner")
-        << QStringList{"open", "%1", "B", "macopen", "%2", "msg", "moved"}
-        << QStringList{started.arg("B"), user} << true;
-    QTest::newRow("transaction log from its key")
-        << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"}
-        << QStringList{started.arg("Exchange"), user, "done"} << false;
-    // An unended message runs into the next line's prefix, which shows where it was cut.
-    const QString cut = QStringLiteral("x{%1}\\[B \\d+\\]") + kLogDateStampPattern + QStringLiteral(": ");
-    for (int length : {8190, 8191, 8192, 20000})
-        QTest::addRow("message of %d", length)
-            << QStringList{"open", "%1", "B", "long", QString::number(length), "msg", ""}
-            << QStringList{started.arg("B"), user, cut.arg(qMin(length, 8191))} << false;
-}
-
-void tst_Log::callSequences()
-{
+    QFETCH(QStringList, lines);
     QFETCH(QStringList, calls);
-    QFETCH(QStringList, first);
-    QFETCH(bool, secondExists);
-    const QString log1 = m_dir->filePath(QStringLiteral("first.log"));
-    const QString log2 = m_dir->filePath(QStringLiteral("second.log"));
-    m_prefs->writeDomainFile(m_prefs->systemFolder(), QStringLiteral("com.halvorn.Quorvan"),
-                             {QStringLiteral("ExchangeLog=") + log1});
+    QFETCH(QString, out);
+    QFETCH(QString, first);
+    QFETCH(QString, second);
+    QTemporaryDir dir;
+    ScratchPreferences prefs;
+    // The comma and the blank would split an unquoted preference value.
+    const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
+    for (int i = 0; i < 2; ++i) {
+        QFile file(files[i]);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("an earlier line\n");
+    }
+    const auto placed = [&](QString text) {
+        return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]);
+    };
+    QStringList user, system;
+    for (const QString &pref : lines)
+        (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
     for (QString &call : calls)
-        call.replace(QLatin1String("%1"), log1).replace(QLatin1String("%2"), log2);
+        call = placed(call);
+    prefs.writeDomainFile(prefs.userFolder(), "com.halvorn.Quorvan", user);
+    prefs.writeDomainFile(prefs.systemFolder(), "com.halvorn.Quorvan", system);
 
-    const ProcessResult run =
-        runProcess(placeProbe(m_dir->filePath(QStringLiteral("probe"))), calls, m_prefs->environment());
+    const ProcessResult run = runProcess(placeProbe(dir.filePath("bin/" + executable)), calls, prefs.environment());
     QCOMPARE(run.exitCode, 0);
-    compareMessages(logMessages(log1), first);
-    QCOMPARE(QFile::exists(log2), secondExists);
-    if (secondExists)
-        compareMessages(logMessages(log2), {"moved"});
-}
-
-void tst_Log::appendsOnEveryStart()
-{
-    const QString log = m_dir->filePath(QStringLiteral("appended.log"));
-    QFile file(log);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("an earlier line\n");
-    file.close();
-    m_prefs->writeDomainFile(m_prefs->userFolder(), QStringLiteral("com.halvorn.Quorvan"),
-                             {QStringLiteral("VELDInstaller_LogLocation=") + log});
-    const QString probe = placeProbe(m_dir->filePath(QStringLiteral("bin/VELD Installer")));
-    for (const char *text : {"first", "second"})
-        QCOMPARE(runProcess(probe, {"should", "msg", text}, m_prefs->environment()).exitCode, 0);
-
-    const QString started = QStringLiteral("---VELDInstaller\\[\\d+\\] started---");
-    const QString user = QRegularExpression::escape(effectiveUserLine());
-    compareMessages(logMessages(log), {"an earlier line", started, user, "first", started, user, "second"});
+    QCOMPARE(run.out, out);
+    for (int i = 0; i < 2; ++i) {
+        QFile file(files[i]);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString content = QString::fromUtf8(file.readAll());
+        const QRegularExpression pattern(QRegularExpression::anchoredPattern("an earlier line\n" + (i ? second : first)));
+        QVERIFY2(pattern.match(content).hasMatch(), qPrintable(content));
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_Log)
