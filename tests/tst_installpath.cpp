@@ -3,17 +3,6 @@
 
 #include <QtTest>
 
-#include <cstring>
-
-namespace {
-
-QString replaced(QString text, const QString &folder)
-{
-    return text.replace(QLatin1String("%1"), folder);
-}
-
-} // namespace
-
 class tst_InstallPath : public QObject
 {
     Q_OBJECT
@@ -22,12 +11,10 @@ private slots:
     void init() { m_dir.reset(new QTemporaryDir); }
     void fixedBuffer_data();
     void fixedBuffer();
-    void bundleFromExecutable_data();
-    void bundleFromExecutable();
     void loadLibrary_data();
     void loadLibrary();
-    void searchPathSetOnce_data();
-    void searchPathSetOnce();
+    void bundlePaths_data();
+    void bundlePaths();
 
 private:
     QScopedPointer<QTemporaryDir> m_dir;
@@ -36,7 +23,7 @@ private:
 
 void tst_InstallPath::fixedBuffer_data()
 {
-    const int length = static_cast<int>(GetInstallPath().size());
+    const int length = int(GetInstallPath().size());
     QTest::addColumn<int>("size");
     QTest::addColumn<int>("expectedLength"); // -1: the buffer is not touched
     QTest::newRow("negative") << -5 << -1;
@@ -51,144 +38,107 @@ void tst_InstallPath::fixedBuffer()
 {
     QFETCH(int, size);
     QFETCH(int, expectedLength);
-    const std::string path = GetInstallPath();
-    QVERIFY(!path.empty());
-    char buffer[4097];
-    memset(buffer, 'Z', sizeof(buffer));
+    const QByteArray path = QByteArray::fromStdString(GetInstallPath());
+    QVERIFY(!path.isEmpty());
+    QByteArray buffer(4097, 'Z');
     int length = 12345;
-    GETINSTALLPATH(buffer, size, &length);
+    GETINSTALLPATH(buffer.data(), size, &length);
     QCOMPARE(length, qMax(expectedLength, 0));
-    if (expectedLength < 0) {
-        QCOMPARE(buffer[0], 'Z');
-    } else {
-        QCOMPARE(QByteArray(buffer), QByteArray(path.c_str(), expectedLength));
-        QCOMPARE(buffer[expectedLength + 1], 'Z');
-    }
-}
-
-void tst_InstallPath::bundleFromExecutable_data()
-{
-    QTest::addColumn<QString>("executable");
-    QTest::addColumn<QString>("bundle");
-    QTest::newRow("bundle") << "Tool.app/Contents/MacOS/probe" << "Tool.app";
-    QTest::newRow("blanks and accents") << "My Bündle 2.app/Contents/MacOS/VELD Installer" << "My Bündle 2.app";
-    QTest::newRow("bundle in a bundle") << "Outer.app/Contents/SharedSupport/In.app/Contents/MacOS/probe"
-                                        << "Outer.app/Contents/SharedSupport/In.app";
-    QTest::newRow("plain folder") << "plain/bin/probe" << "plain/bin";
-    QTest::newRow("look-alike folder") << "odd/Contents/MacOSX/probe" << "odd/Contents/MacOSX";
-    QTest::newRow("MacOS alone") << "odd/MacOS/probe" << "odd/MacOS";
-}
-
-void tst_InstallPath::bundleFromExecutable()
-{
-    QFETCH(QString, executable);
-    QFETCH(QString, bundle);
-    const ProcessResult run = runProcess(placeProbe(at(executable)), {"installpath", "helppath"});
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, replaced("installpath=%1\nhelppath=%1/Contents/Resources/English.lproj/VELD Installer Help/help/\n",
-                               at(bundle)));
+    QCOMPARE(buffer.left(qMax(expectedLength + 2, 1)), expectedLength < 0 ? "Z" : path.left(expectedLength) + '\0' + 'Z');
 }
 
 void tst_InstallPath::loadLibrary_data()
 {
     QTest::addColumn<QString>("executable");
-    QTest::addColumn<QString>("library"); // where the test library is placed
-    QTest::addColumn<QString>("name");    // what is asked for
-    QTest::addColumn<QString>("tried");   // the file the loader opens
-    QTest::addColumn<QString>("symbol");
-    QTest::addColumn<QString>("out");
+    QTest::addColumn<QString>("library");   // where the test library is placed
+    QTest::addColumn<QString>("name");      // what is asked for
+    QTest::addColumn<QString>("tried");     // the file the loader opens
+    QTest::addColumn<bool>("loaded");
 
-    const QString exe = QStringLiteral("A.app/Contents/MacOS/probe");
-    const QString lib = QStringLiteral("A.app/Contents/Frameworks/libveldprobe.so");
-    const QString ok = QStringLiteral("load=1\nsym=42\n");
-    const QString missing = QStringLiteral("load=0\nsym=null\n");
-    const QString answer = QStringLiteral("veld_probe_answer");
-    QTest::newRow("with suffix") << exe << lib << "libveldprobe.so" << lib << answer << ok;
-    QTest::newRow("upper-case suffix") << exe << lib << "libveldprobe.SO" << lib << answer << ok;
-    QTest::newRow("mixed-case suffix") << exe << lib << "libveldprobe.sO" << lib << answer << ok;
-    QTest::newRow("without suffix") << exe << lib << "libveldprobe" << lib << answer << ok;
-    QTest::newRow("three characters kept") << exe << "A.app/Contents/Frameworks/.so.so" << ".so"
-                                           << "A.app/Contents/Frameworks/.so.so" << answer << ok;
-    QTest::newRow("four characters cut") << exe << "A.app/Contents/Frameworks/x.so" << "x.so"
-                                         << "A.app/Contents/Frameworks/x.so" << answer << ok;
-    QTest::newRow("other suffix kept") << exe << lib << "libveldprobe.dylib"
-                                       << "A.app/Contents/Frameworks/libveldprobe.dylib.so" << answer << missing;
-    QTest::newRow("unknown symbol") << exe << lib << "libveldprobe" << lib << "veld_no_such" << "load=1\nsym=null\n";
-    const QString inner = QStringLiteral("Out.app/Contents/SharedSupport/In.app");
+    const QString exe = "A.app/Contents/MacOS/probe", frameworks = "A.app/Contents/Frameworks/";
+    const QString lib = frameworks + "libveldprobe.so", inner = "Out.app/Contents/SharedSupport/In.app";
+    QTest::newRow("upper-case suffix") << exe << lib << "libveldprobe.SO" << lib << true;
+    QTest::newRow("mixed-case suffix") << exe << lib << "libveldprobe.sO" << lib << true;
+    QTest::newRow("without suffix") << exe << lib << "libveldprobe" << lib << true;
+    QTest::newRow("three characters kept") << exe << frameworks + ".so.so" << ".so" << frameworks + ".so.so" << true;
+    QTest::newRow("four characters cut") << exe << frameworks + "x.so" << "x.so" << frameworks + "x.so" << true;
+    QTest::newRow("other suffix kept") << exe << lib << "libveldprobe.dylib" << frameworks + "libveldprobe.dylib.so"
+                                       << false;
     QTest::newRow("shared support") << inner + "/Contents/MacOS/probe" << "Out.app/Contents/SharedSupport/Frameworks/x.so"
-                                    << "x" << inner + "/../Frameworks/x.so" << answer << ok;
-    QTest::newRow("shared support, not its own frameworks")
-        << inner + "/Contents/MacOS/probe" << inner + "/Contents/Frameworks/x.so" << "x"
-        << inner + "/../Frameworks/x.so" << answer << missing;
+                                    << "x" << inner + "/../Frameworks/x.so" << true;
+    QTest::newRow("shared support, not its own frameworks") << inner + "/Contents/MacOS/probe"
+                                                            << inner + "/Contents/Frameworks/x.so" << "x"
+                                                            << inner + "/../Frameworks/x.so" << false;
 }
 
+// Then a symbol it has and one it has not. Each failure is reported on standard error
+// (with the name asked for) and in the log (with the file tried).
 void tst_InstallPath::loadLibrary()
 {
     QFETCH(QString, executable);
     QFETCH(QString, library);
     QFETCH(QString, name);
     QFETCH(QString, tried);
-    QFETCH(QString, symbol);
-    QFETCH(QString, out);
-    QVERIFY(copyFileTo(QStringLiteral(VELD_PROBELIB), at(library)));
-    const QString log = at(QStringLiteral("load.log"));
-    const ProcessResult run = runProcess(placeProbe(at(executable)), {"open", log, "P", "load", name, "sym", symbol});
+    QFETCH(bool, loaded);
+    QVERIFY(copyFileTo(VELD_PROBELIB, at(library)));
+    const QString log = at("load.log"), path = at(tried);
+    const ProcessResult run = runProcess(placeProbe(at(executable)),
+                                         {"open", log, "P", "load", name, "sym", "veld_probe_answer", "sym", "veld_no_such"});
     QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, out);
-
+    QCOMPARE(run.out, loaded ? "load=1\nsym=42\nsym=null\n" : "load=0\nsym=null\nsym=null\n");
     const QStringList logged = logMessages(log).mid(2);
-    const QString path = at(tried);
-    if (out.startsWith(QLatin1String("load=1"))) {
-        QCOMPARE(logged.value(0), QStringLiteral("Successfully loaded DLL '%1'").arg(path));
-    } else {
-        QString shortName = name;
-        if (name.size() >= 4 && name.endsWith(QLatin1String(".so"), Qt::CaseInsensitive))
-            shortName.chop(3);
-        QVERIFY2(run.err.startsWith(QStringLiteral("DLL ERROR: loading DLL '%1' '%2: ").arg(shortName, path)),
-                 qPrintable(run.err));
-        QVERIFY2(logged.value(0).startsWith(QStringLiteral("DLL ERROR: loading DLL '%1' '%1: ").arg(path)),
-                 qPrintable(logged.value(0)));
-    }
-    if (out.endsWith(QLatin1String("sym=null\n"))) {
-        QVERIFY2(run.err.contains(QStringLiteral("DLL ERROR: (%1): ").arg(symbol)), qPrintable(run.err));
-        QVERIFY(logged.last().startsWith(QStringLiteral("DLL ERROR: (%1): ").arg(symbol)));
-    }
+    if (loaded)
+        QCOMPARE(logged.value(0), "Successfully loaded DLL '" + path + "'");
+    QVERIFY2(loaded || run.err.startsWith("DLL ERROR: loading DLL '" + name + "' '" + path + ": "), qPrintable(run.err));
+    QVERIFY2(loaded || logged.value(0).startsWith("DLL ERROR: loading DLL '" + path + "' '" + path + ": "),
+             qPrintable(logged.value(0)));
+    QVERIFY2(run.err.contains("DLL ERROR: (veld_no_such): "), qPrintable(run.err));
+    QVERIFY2(logged.last().startsWith("DLL ERROR: (veld_no_such): "), qPrintable(logged.last()));
 }
 
-void tst_InstallPath::searchPathSetOnce_data()
+void tst_InstallPath::bundlePaths_data()
 {
-    QTest::addColumn<QString>("before"); // "-": unset; %1 stands for the frameworks folder
+    QTest::addColumn<QString>("executable");
+    QTest::addColumn<QString>("bundle");
+    QTest::addColumn<QString>("before");   // LD_LIBRARY_PATH, "-" for unset; %1 stands for the bundle's frameworks
     QTest::addColumn<QString>("after");
     QTest::addColumn<QStringList>("logged");
-    QTest::newRow("unset") << "-" << "%1"
-                           << QStringList{"LD_LIBRARY_PATH was (null)", "setting of LD_LIBRARY_PATH to %1 returned 0",
-                                          "LD_LIBRARY_PATH is now %1"};
-    QTest::newRow("other folders") << "/opt/a:/opt/b" << "/opt/a:/opt/b:%1"
-                                   << QStringList{"LD_LIBRARY_PATH was /opt/a:/opt/b",
-                                                  "setting of LD_LIBRARY_PATH to /opt/a:/opt/b:%1 returned 0",
-                                                  "LD_LIBRARY_PATH is now /opt/a:/opt/b:%1"};
-    QTest::newRow("already there") << "/opt/a:%1/x" << "/opt/a:%1/x" << QStringList{"LD_LIBRARY_PATH was /opt/a:%1/x"};
+    const auto set = [](const QString &was, const QString &now) {
+        return QStringList{"LD_LIBRARY_PATH was " + was, "setting of LD_LIBRARY_PATH to " + now + " returned 0",
+                           "LD_LIBRARY_PATH is now " + now};
+    };
+    const QString inner = "Outer.app/Contents/SharedSupport/In.app";
+    QTest::newRow("bundle, blanks and accents, unset") << "My Bündle 2.app/Contents/MacOS/VELD Installer"
+                                                       << "My Bündle 2.app" << "-" << "%1" << set("(null)", "%1");
+    QTest::newRow("bundle in a bundle, other folders") << inner + "/Contents/MacOS/probe" << inner << "/opt/a:/opt/b"
+                                                       << "/opt/a:/opt/b:%1" << set("/opt/a:/opt/b", "/opt/a:/opt/b:%1");
+    QTest::newRow("look-alike folder, already there") << "odd/Contents/MacOSX/probe" << "odd/Contents/MacOSX" << "/opt/a:%1/x"
+                                                      << "/opt/a:%1/x" << QStringList{"LD_LIBRARY_PATH was /opt/a:%1/x"};
+    QTest::newRow("MacOS alone") << "odd/MacOS/probe" << "odd/MacOS" << "-" << "%1" << set("(null)", "%1");
 }
 
-// Only the first call acts; the second neither changes nor logs anything.
-void tst_InstallPath::searchPathSetOnce()
+// The bundle, its help folder, and its frameworks added to the library search path
+// by the first call only; the second neither changes nor logs anything.
+void tst_InstallPath::bundlePaths()
 {
+    QFETCH(QString, executable);
+    QFETCH(QString, bundle);
     QFETCH(QString, before);
     QFETCH(QString, after);
     QFETCH(QStringList, logged);
-    const QString frameworks = at(QStringLiteral("A.app/Contents/Frameworks"));
+    const QString frameworks = at(bundle) + "/Contents/Frameworks";
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("LD_LIBRARY_PATH"));
-    if (before != QLatin1String("-"))
-        env.insert(QStringLiteral("LD_LIBRARY_PATH"), replaced(before, frameworks));
-    const QString log = at(QStringLiteral("dyld.log"));
+    env.remove("LD_LIBRARY_PATH");
+    if (before != "-")
+        env.insert("LD_LIBRARY_PATH", before.replace("%1", frameworks));
+    const QString log = at("dyld.log");
     const ProcessResult run =
-        runProcess(placeProbe(at(QStringLiteral("A.app/Contents/MacOS/probe"))), {"open", log, "P", "dyld", "dyld"}, env);
+        runProcess(placeProbe(at(executable)), {"installpath", "helppath", "open", log, "P", "dyld", "dyld"}, env);
     QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, replaced("dyld=0 env=%1\ndyld=0 env=%1\n", replaced(after, frameworks)));
-    for (QString &line : logged)
-        line = replaced(line, frameworks);
-    QCOMPARE(logMessages(log).mid(2), logged);
+    QCOMPARE(run.out, "installpath=" + at(bundle) + "\nhelppath=" + at(bundle)
+                          + "/Contents/Resources/English.lproj/VELD Installer Help/help/\n"
+                          + QString("dyld=0 env=%1\n").repeated(2).replace("%1", after.replace("%1", frameworks)));
+    QCOMPARE(logMessages(log).mid(2), logged.replaceInStrings("%1", frameworks));
 }
 
 QTEST_GUILESS_MAIN(tst_InstallPath)
