@@ -2,10 +2,6 @@
 #include "testsupport.h"
 #include "workers/copythread.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QEventLoop>
-#include <QTimer>
 #include <QtTest>
 
 #include <sys/stat.h>
@@ -15,17 +11,14 @@ namespace {
 
 const QString kNoFiles = QStringLiteral("The source database data files couldn't be found.");
 
-// The children of this process that run the given program.
-int childrenRunning(const QString &program)
+// The children of this process that run /bin/cp.
+int copyProgramsRunning()
 {
     int found = 0;
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(entry));
-        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(entry));
-        if (!stat.open(QIODevice::ReadOnly) || !cmdline.open(QIODevice::ReadOnly))
-            continue;
-        const QList<QByteArray> fields = stat.readAll().split(' ');
-        if (fields.size() > 3 && fields[3].toInt() == getpid() && cmdline.readAll().startsWith(QFile::encodeName(program)))
+    for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
+        QFile stat("/proc/" + entry + "/stat"), cmdline("/proc/" + entry + "/cmdline");
+        if (stat.open(QIODevice::ReadOnly) && cmdline.open(QIODevice::ReadOnly)
+            && stat.readAll().split(' ').value(3).toInt() == getpid() && cmdline.readAll().startsWith("/bin/cp"))
             ++found;
     }
     return found;
@@ -37,27 +30,10 @@ bool waitForEnd(CopyThread &worker, int timeoutMs)
     QEventLoop loop;
     QObject::connect(&worker, &QThread::finished, &loop, &QEventLoop::quit);
     QTimer::singleShot(timeoutMs, &loop, [&loop] { loop.exit(1); });
-    if (worker.isFinished()) {
-        // Its reports may still wait in the queue.
-        QCoreApplication::sendPostedEvents();
-        return true;
-    }
-    return loop.exec() == 0;
-}
-
-// Everything the worker reported, in order, as the page receives it.
-QStringList runWorker(CopyThread &worker)
-{
-    QStringList events;
-    QObject::connect(&worker, &CopyThread::copyResult, &worker, [&](int code, const QString &message) {
-        events << QStringLiteral("result %1 %2").arg(code).arg(message);
-    });
-    QObject::connect(&worker, &CopyThread::copiedFile, &worker,
-                     [&](int n) { events << QStringLiteral("copied %1").arg(n); });
-    worker.start();
-    if (!waitForEnd(worker, 30000))
-        events << QStringLiteral("(no end)");
-    return events;
+    if (!worker.isFinished())
+        return loop.exec() == 0;
+    QCoreApplication::sendPostedEvents();   // its reports may still wait in the queue
+    return true;
 }
 
 } // namespace
@@ -67,59 +43,36 @@ class tst_CopyThread : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
+    void init() { sResultList.clear(); sCopyFiles = false; }
     void transfer_data();
     void transfer();
     void cancelInTheMiddleOfAFile_data();
     void cancelInTheMiddleOfAFile();
-
-private:
-    QTemporaryDir m_dir;
 };
-
-void tst_CopyThread::init()
-{
-    sResultList.clear();
-    sCopyFiles = false;
-}
 
 void tst_CopyThread::transfer_data()
 {
     QTest::addColumn<bool>("move");
-    QTest::addColumn<QStringList>("listed");     // below the source; "-" before a name: listed but missing
-    QTest::addColumn<QString>("destination");    // below the scratch folder, as the page holds it
-    QTest::addColumn<QStringList>("events");
-    QTest::addColumn<QStringList>("arrived");    // the destination's files afterwards
+    QTest::addColumn<QStringList>("listed");   // below the source; "-" before a name: listed but missing
+    QTest::addColumn<QString>("destination");  // below the scratch folder, as the page holds it
+    QTest::addColumn<int>("done");             // files reported done, each after a result 0
+    QTest::addColumn<QString>("failure");      // the message of the closing -100 result, "" for none
+    QTest::addColumn<QStringList>("arrived");  // the destination's files afterwards
     QTest::addColumn<QStringList>("leftAtSource");
 
-    const QString start = QStringLiteral("result -100 ") + kNoFiles;
-    const QString ok = QStringLiteral("result 0 ");
-    const QStringList three{"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"};
-    QTest::newRow("nothing to transfer") << false << QStringList() << "dest" << QStringList{start} << QStringList()
-                                         << QStringList();
-    QTest::newRow("copy: flat, in list order") << false << three << "dest"
-        << QStringList{start, ok, "copied 1", ok, "copied 2", ok, "copied 3"}
-        << QStringList{"x.qventry", "y.qvindex", "z.qvkentry"} << three;
-    QTest::newRow("move") << true << three << "dest" << QStringList{start, ok, "copied 1", ok, "copied 2", ok, "copied 3"}
-                          << QStringList{"x.qventry", "y.qvindex", "z.qvkentry"} << QStringList();
-    QTest::newRow("destination ending in /") << false << QStringList{"z.qvkentry"} << "dest/"
-                                             << QStringList{start, ok, "copied 1"} << QStringList{"z.qvkentry"}
-                                             << QStringList{"z.qvkentry"};
-    QTest::newRow("failure at the second file: the first stays, the third is not tried") << false
-        << QStringList{"a/x.qventry", "-gone.qventry", "z.qvkentry"} << "dest"
-        << QStringList{start, ok, "copied 1",
-                       "result -100 Error message is:\n/bin/cp: cannot stat '@/src/gone.qventry': No such file or directory\n"}
-        << QStringList{"x.qventry"} << QStringList{"a/x.qventry", "z.qvkentry"};
-    QTest::newRow("the same file twice, copied") << false << QStringList{"z.qvkentry", "z.qvkentry"} << "dest"
-                                                 << QStringList{start, ok, "copied 1", ok, "copied 2"}
-                                                 << QStringList{"z.qvkentry"} << QStringList{"z.qvkentry"};
-    QTest::newRow("the same file twice, moved") << true << QStringList{"z.qvkentry", "z.qvkentry"} << "dest"
-        << QStringList{start, ok, "copied 1",
-                       "result -100 Error message is:\n/bin/mv: cannot stat '@/src/z.qvkentry': No such file or directory\n"}
-        << QStringList{"z.qvkentry"} << QStringList();
-    QTest::newRow("no destination folder") << false << QStringList{"z.qvkentry"} << "none"
-        << QStringList{start, "result -100 Error message is:\n/bin/cp: cannot create regular file '@/none/': Not a directory\n"}
-        << QStringList() << QStringList{"z.qvkentry"};
+    const QStringList three{"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"}, flat{"x.qventry", "y.qvindex", "z.qvkentry"};
+    const QStringList z{"z.qvkentry"}, twice{"z.qvkentry", "z.qvkentry"};
+    const QString noSuch = "Error message is:\n%1: cannot stat '@/src/%2': No such file or directory\n";
+    QTest::newRow("nothing to transfer") << false << QStringList() << "dest" << 0 << "" << QStringList() << QStringList();
+    QTest::newRow("copy: flat, in list order") << false << three << "dest" << 3 << "" << flat << three;
+    QTest::newRow("move") << true << three << "dest" << 3 << "" << flat << QStringList();
+    QTest::newRow("failure at the second file: the first stays, the third is not tried")
+        << false << QStringList{"a/x.qventry", "-gone.qventry", "z.qvkentry"} << "dest" << 1
+        << noSuch.arg("/bin/cp", "gone.qventry") << QStringList{"x.qventry"} << QStringList{"a/x.qventry", "z.qvkentry"};
+    QTest::newRow("the same file twice, copied, into a destination ending in /")
+        << false << twice << "dest/" << 2 << "" << z << z;
+    QTest::newRow("the same file twice, moved: a failure keeps the moved file")
+        << true << twice << "dest" << 1 << noSuch.arg("/bin/mv", "z.qvkentry") << z << QStringList();
 }
 
 void tst_CopyThread::transfer()
@@ -127,16 +80,16 @@ void tst_CopyThread::transfer()
     QFETCH(bool, move);
     QFETCH(QStringList, listed);
     QFETCH(QString, destination);
-    QFETCH(QStringList, events);
+    QFETCH(int, done);
+    QFETCH(QString, failure);
     QFETCH(QStringList, arrived);
     QFETCH(QStringList, leftAtSource);
     QTemporaryDir scratch;
-    const QString source = scratch.filePath(QStringLiteral("src"));
-    QVERIFY(QDir().mkpath(scratch.filePath(QStringLiteral("dest"))));
+    const QString source = scratch.filePath("src");
+    QVERIFY(QDir().mkpath(scratch.filePath("dest")));
     for (const QString &name : listed) {
-        const bool missing = name.startsWith('-');
-        const QString path = source + '/' + name.mid(missing ? 1 : 0);
-        if (!missing && !QFileInfo::exists(path)) {
+        const QString path = source + '/' + name.mid(name.startsWith('-') ? 1 : 0);
+        if (!name.startsWith('-') && !QFileInfo::exists(path)) {
             QVERIFY(makeFile(path, 1000 + path.size()));
             QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions(0x6440)));
         }
@@ -146,12 +99,20 @@ void tst_CopyThread::transfer()
     CopyThread worker(nullptr, scratch.filePath(destination));
     sCopyFiles = !move;   // the choice was taken when the worker was made
     QCOMPARE(worker.getPath(), scratch.filePath(destination));
-    QStringList expected;
-    for (const QString &event : events)
-        expected << QString(event).replace('@', scratch.path());
-    QCOMPARE(runWorker(worker), expected);
+    // Received queued, as the page receives them.
+    QStringList events, expected{"result -100 " + kNoFiles};
+    connect(&worker, &CopyThread::copyResult, &worker,
+            [&](int code, const QString &message) { events << QStringLiteral("result %1 %2").arg(code).arg(message); });
+    connect(&worker, &CopyThread::copiedFile, &worker, [&](int n) { events << QStringLiteral("copied %1").arg(n); });
+    for (int n = 1; n <= done; ++n)
+        expected << "result 0 " << QStringLiteral("copied %1").arg(n);
+    if (!failure.isEmpty())
+        expected << "result -100 " + QString(failure).replace('@', scratch.path());
+    worker.start();
+    QVERIFY(waitForEnd(worker, 30000));
+    QCOMPARE(events, expected);
 
-    QDir dest(scratch.filePath(QStringLiteral("dest")));
+    QDir dest(scratch.filePath("dest"));
     QCOMPARE(dest.entryList(QDir::Files), arrived);
     for (const QString &name : arrived) {
         const QFileInfo copy(dest.filePath(name));
@@ -160,7 +121,7 @@ void tst_CopyThread::transfer()
         QVERIFY(copy.size() > 1000);
     }
     QStringList left;
-    for (const QString &name : QStringList{"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"})
+    for (const char *name : {"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"})
         if (QFileInfo::exists(source + '/' + name))
             left << name;
     QCOMPARE(left, leftAtSource);
@@ -179,22 +140,20 @@ void tst_CopyThread::cancelInTheMiddleOfAFile()
 {
     QFETCH(bool, byDestruction);
     QTemporaryDir scratch;
-    const QString first = scratch.filePath(QStringLiteral("src/first.qventry"));
-    const QString endless = scratch.filePath(QStringLiteral("src/endless.qventry"));
-    const QString dest = scratch.filePath(QStringLiteral("dest"));
+    const QString first = scratch.filePath("src/first.qventry"), endless = scratch.filePath("src/endless.qventry");
+    const QString dest = scratch.filePath("dest");
     QVERIFY(makeFile(first, 100));
     QVERIFY(QDir().mkpath(dest));
     QCOMPARE(mkfifo(QFile::encodeName(endless).constData(), 0644), 0);
     sResultList << QFileInfo(first) << QFileInfo(endless) << QFileInfo(first);
     QProcess writer;
-    writer.start(QStringLiteral("sh"), {"-c", "head -c 1000000 /dev/zero > \"$1\" & exec sleep 60 > \"$1\"", "sh", endless});
+    writer.start("sh", {"-c", "head -c 1000000 /dev/zero > \"$1\" & exec sleep 60 > \"$1\"", "sh", endless});
 
     auto *worker = new CopyThread(nullptr, dest);
     int copied = 0;
     QObject::connect(worker, &CopyThread::copiedFile, worker, [&copied](int n) { copied = n; });
     worker->start();
-    const QString partial = dest + QStringLiteral("/endless.qventry");
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(partial).size() >= 1000000, 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + "/endless.qventry").size() >= 1000000, 20000);
     QElapsedTimer clock;
     clock.start();
     if (byDestruction) {
@@ -213,7 +172,7 @@ void tst_CopyThread::cancelInTheMiddleOfAFile()
     if (!byDestruction)
         QCOMPARE(copied, 1);
     QCOMPARE(QDir(dest).entryList(QDir::Files), QStringList{"first.qventry"});
-    QCOMPARE(childrenRunning(QStringLiteral("/bin/cp")), 0);
+    QCOMPARE(copyProgramsRunning(), 0);
     delete worker;
 }
 
