@@ -6,7 +6,6 @@
 #include <QFileInfo>
 #include <QtTest>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -38,16 +37,13 @@ class tst_PrefStore : public QObject
 private slots:
     void initTestCase();
     void init();
-    void macRoman_data();
-    void macRoman();
-    void macRomanBounds();
+    void macRomanEveryByte();
     void readers_data();
     void readers();
-    void productDomain();
+    void productDomainAndUnreadableFiles();
     void localWrite_data();
     void localWrite();
-    void localWriteRemoves();
-    void globalWriteNeedsAuthority();
+    void refusedWrites();
     void globalWrite_data();
     void globalWrite();
     void defaultsTool_data();
@@ -56,9 +52,12 @@ private slots:
     void failedWriteKeepsOldFile();
 
 private:
-    void writeFile(const QString &folder, const QStringList &lines);
+    void writeFile(const QString &folder, const QStringList &lines)
+    {
+        if (!lines.isEmpty())
+            m_prefs->writeDomainFile(folder, kDomain, lines);
+    }
     QString userFile() const { return m_prefs->userFolder() + '/' + kDomain + QStringLiteral(".conf"); }
-    QString systemFile() const { return m_prefs->systemFolder() + '/' + kDomain + QStringLiteral(".conf"); }
 
     std::unique_ptr<ScratchPreferences> m_prefs;
     QTemporaryDir m_dir;
@@ -76,34 +75,8 @@ void tst_PrefStore::init()
     m_prefs->applyToThisProcess();
 }
 
-void tst_PrefStore::writeFile(const QString &folder, const QStringList &lines)
-{
-    if (!lines.isEmpty())
-        m_prefs->writeDomainFile(folder, kDomain, lines);
-}
-
-void tst_PrefStore::macRoman_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("ASCII") << "/usr/local/share" << QByteArray("/usr/local/share");
-    QTest::newRow("accents") << QString::fromUtf8("café ü") << QByteArray("caf\x8e \x9f");
-    QTest::newRow("euro, omega, apple") << QString::fromUtf8("€Ω\uF8FF") << QByteArray("\xdb\xbd\xf0");
-    QTest::newRow("outside Mac Roman: '?'") << QString::fromUtf8("日本 ž") << QByteArray("?? ?");
-}
-
-void tst_PrefStore::macRoman()
-{
-    QFETCH(QString, text);
-    QFETCH(QByteArray, bytes);
-    QCOMPARE(macRomanFromText(text, 4096), bytes);
-    if (!bytes.contains('?'))
-        QCOMPARE(textFromMacRoman(bytes.constData()), text);
-}
-
-// Every byte above 0x7F stands for one character, and comes back from it; a value fills
-// the buffer up to its terminator and no further.
-void tst_PrefStore::macRomanBounds()
+// Every byte above 0x7F stands for one character, and comes back from it; null reads as empty.
+void tst_PrefStore::macRomanEveryByte()
 {
     QByteArray upper;
     for (int b = 0x80; b <= 0xff; ++b)
@@ -112,36 +85,31 @@ void tst_PrefStore::macRomanBounds()
     QCOMPARE(decoded.size(), 128);
     QCOMPARE(macRomanFromText(decoded, 4096), upper);
     QCOMPARE(textFromMacRoman(nullptr), QString());
-    QCOMPARE(macRomanFromText(QString(4095, 'x'), 4096).size(), 4095);
-    QCOMPARE(macRomanFromText(QString(4096, 'x'), 4096), QByteArray());
 }
 
 void tst_PrefStore::readers_data()
 {
     QTest::addColumn<QStringList>("user");     // the lines of the files; none: no file
     QTest::addColumn<QStringList>("system");
-    QTest::addColumn<QByteArray>("local");
+    QTest::addColumn<QByteArray>("local");     // Mac Roman bytes
     QTest::addColumn<QByteArray>("global");
     QTest::addColumn<QByteArray>("any");
 
-    const QStringList none;
-    QTest::newRow("both: the user's wins locally, global wins for any") << QStringList{"VELDFullDatabasePath=/u"}
-        << QStringList{"VELDFullDatabasePath=/s"} << QByteArray("/u") << QByteArray("/s") << QByteArray("/s");
-    QTest::newRow("user only") << QStringList{"VELDFullDatabasePath=/u"} << none << QByteArray("/u") << QByteArray()
-                               << QByteArray("/u");
-    QTest::newRow("system only") << none << QStringList{"VELDFullDatabasePath=/s"} << QByteArray("/s") << QByteArray("/s")
-                                 << QByteArray("/s");
-    QTest::newRow("neither") << none << none << QByteArray() << QByteArray() << QByteArray();
-    QTest::newRow("other keys only") << QStringList{"Other=/u"} << QStringList{"Other=/s"} << QByteArray() << QByteArray()
-                                     << QByteArray();
-    QTest::newRow("user's empty value hides the system's locally") << QStringList{"VELDFullDatabasePath="}
-        << QStringList{"VELDFullDatabasePath=/s"} << QByteArray() << QByteArray("/s") << QByteArray("/s");
-    QTest::newRow("commas written by hand") << QStringList{"VELDFullDatabasePath=/a,b"} << none << QByteArray("/a,b")
-                                            << QByteArray() << QByteArray("/a,b");
-    QTest::newRow("corrupt user file is passed over") << QStringList{"[Gen", "\x01\x02 VELDFullDatabasePath=/u"}
-        << QStringList{"VELDFullDatabasePath=/s"} << QByteArray("/s") << QByteArray("/s") << QByteArray("/s");
-    QTest::newRow("escaped non-ASCII in Mac Roman") << none << QStringList{"VELDFullDatabasePath=\"/caf\\xe9\\x65e5\""}
-        << QByteArray("/caf\x8e?") << QByteArray("/caf\x8e?") << QByteArray("/caf\x8e?");
+    const QString key = QStringLiteral("VELDFullDatabasePath=");
+    const QStringList none, u{key + "/u"}, s{key + "/s"};
+    const QByteArray U("/u"), S("/s"), empty, commas("/a,b"), fits(4095, 'x');
+    QTest::newRow("both: the user's wins locally, global wins for any") << u << s << U << S << S;
+    QTest::newRow("user only") << u << none << U << empty << U;
+    QTest::newRow("user's file without the key") << QStringList{"Other=/u"} << s << S << S << S;
+    QTest::newRow("user's empty value hides the system's locally") << QStringList{key} << s << empty << S << S;
+    QTest::newRow("commas written by hand") << QStringList{key + "/a,b"} << none << commas << empty << commas;
+    QTest::newRow("corrupt user file is passed over") << QStringList{"[Gen", "\x01\x02 " + key + "/u"} << s << S << S << S;
+    // é ü € Ω and the apple are in Mac Roman; 日 and ž are not.
+    const QByteArray roman("/caf\x8e \x9f\xdb\xbd\xf0 ??");
+    QTest::newRow("escaped non-ASCII in Mac Roman") << none << QStringList{key + R"("/caf\xe9 \xfc\x20ac\x3a9\xf8ff \x65e5\x17e")"}
+                                                    << roman << roman << roman;
+    QTest::newRow("4095 bytes fit with the terminator") << none << QStringList{key + fits} << fits << fits << fits;
+    QTest::newRow("4096 do not") << none << QStringList{key + fits + 'x'} << empty << empty << empty;
 }
 
 void tst_PrefStore::readers()
@@ -158,7 +126,7 @@ void tst_PrefStore::readers()
     QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
 }
 
-void tst_PrefStore::productDomain()
+void tst_PrefStore::productDomainAndUnreadableFiles()
 {
     writeFile(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
     QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), QByteArray("/s"));
@@ -169,7 +137,7 @@ void tst_PrefStore::productDomain()
     const QStringList probe = asUnprivilegedUser(kProbe, {"prefread", "local", kDomain, kKey});
     QVERIFY(QFile::setPermissions(m_prefs->path(), QFileDevice::Permissions(0x7755)));
     QCOMPARE(runProcess(probe.first(), probe.mid(1), m_prefs->environment()).out, QStringLiteral("prefread=2f73\n"));
-    QVERIFY(QFile::setPermissions(systemFile(), QFileDevice::Permissions()));
+    QVERIFY(QFile::setPermissions(m_prefs->systemFolder() + '/' + kDomain + ".conf", QFileDevice::Permissions()));
     if (geteuid() != 0)
         QSKIP("needs root to read the file as another user");
     QCOMPARE(runProcess(probe.first(), probe.mid(1), m_prefs->environment()).out, QStringLiteral("prefread=\n"));
@@ -177,47 +145,40 @@ void tst_PrefStore::productDomain()
 
 void tst_PrefStore::localWrite_data()
 {
-    QTest::addColumn<QByteArray>("value");   // Mac Roman bytes
-    QTest::newRow("a path") << QByteArray("/usr/local/share/Halvornworks/VELDV400");
-    QTest::newRow("leading blanks and =") << QByteArray("  a=b = c ");
-    QTest::newRow("line breaks and tabs") << QByteArray("one\ntwo\r\n\tthree");
-    QTest::newRow("list and comment marks") << QByteArray("a,b;c#d");
-    QTest::newRow("quotes and backslashes") << QByteArray("\"q\" \\n \\x41");
-    QTest::newRow("the format's own markers") << QByteArray("@String(x) @Variant(y) [General]");
-    QTest::newRow("Mac Roman letters") << QByteArray("caf\x8e \xdb");
+    QTest::addColumn<QByteArray>("value");   // Mac Roman bytes; "-": null
+    QTest::addColumn<QString>("text");       // what the file holds; null: no value
+    QTest::newRow("blanks, = and line breaks") << QByteArray("  a=b = c \none\r\n\ttwo ") << "  a=b = c \none\r\n\ttwo ";
+    const char *marks = "a,b;c#d \"q\" \\n \\x41 @String(x) @Variant(y) [General]";
+    QTest::newRow("list, comment, quote and section marks") << QByteArray(marks) << marks;
+    QTest::newRow("Mac Roman letters") << QByteArray("caf\x8e \x9f\xdb\xbd\xf0") << QString::fromUtf8("café ü€Ω\uF8FF");
+    QTest::newRow("null removes") << QByteArray("-") << QString();
+    QTest::newRow("empty removes") << QByteArray("") << QString();
 }
 
+// Over the user's value and another key, with a system-wide value that a removal uncovers.
 void tst_PrefStore::localWrite()
 {
     QFETCH(QByteArray, value);
-    writeFile(m_prefs->userFolder(), {"Other=kept"});
-    QVERIFY(QDir(m_prefs->systemFolder()).removeRecursively());
-    QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value.constData()));
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), value);
+    QFETCH(QString, text);
+    writeFile(m_prefs->userFolder(), {"Other=kept", "VELDFullDatabasePath=/u"});
+    writeFile(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
+    QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
+    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-    QCOMPARE(QSettings(userFile(), QSettings::IniFormat).value(kKey).toString(), textFromMacRoman(value.constData()));
+    const QSettings file(userFile(), QSettings::IniFormat);
+    QCOMPARE(file.value(kKey), text.isNull() ? QVariant() : QVariant(text));
     QCOMPARE(QFileInfo(userFile()).permissions() & 0x0fff, QFileDevice::Permissions(0x0644));
 }
 
-void tst_PrefStore::localWriteRemoves()
+void tst_PrefStore::refusedWrites()
 {
-    for (const char *removal : {static_cast<const char *>(nullptr), ""}) {
-        QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
-        QVERIFY(MacWriteLocalDefaultSetting(kDomain, QStringLiteral("Other"), "kept"));
-        QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, removal));
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray());
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-    }
-    // A per-user folder that is a file cannot be written.
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(userFile()));
-    QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
-}
-
-void tst_PrefStore::globalWriteNeedsAuthority()
-{
+    // Without an authority nothing is run or written.
     QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), "/x", nullptr));
     QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
     QVERIFY(QDir(m_prefs->systemFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    // A per-user folder that is a file cannot be written.
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(kProbe));
+    QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
 }
 
 void tst_PrefStore::globalWrite_data()
@@ -225,17 +186,18 @@ void tst_PrefStore::globalWrite_data()
     QTest::addColumn<QString>("domain");
     QTest::addColumn<QString>("value");        // as the installer passes it: UTF-8
     QTest::addColumn<QString>("fileName");     // where it lands
-    QTest::addColumn<QByteArray>("readBack");  // the global reader's Mac Roman bytes, hex
-    QTest::newRow("the installer's setting") << kDomain << "/usr/local/share/Halvornworks/VELDV400"
-                                             << kDomain + ".conf" << QByteArray("/usr/local/share/Halvornworks/VELDV400").toHex();
+    QTest::addColumn<QByteArray>("readBack");  // the global reader's Mac Roman bytes
+    const QString path = QStringLiteral("/usr/local/share/Halvornworks/VELDV400");
+    QTest::newRow("the installer's setting") << kDomain << path << kDomain + ".conf" << path.toLatin1();
     QTest::newRow("non-ASCII value") << kDomain << QString::fromUtf8("/Volumes/Café 日") << kDomain + ".conf"
-                                     << QByteArray("/Volumes/Caf\x8e ?").toHex();
+                                     << QByteArray("/Volumes/Caf\x8e ?");
     // The target follows the lossy conversion, so the reader, which names the file after
     // the domain itself, does not find it.
-    QTest::newRow("domain outside Mac Roman") << QString::fromUtf8("com.halvorn.日本") << "/x"
-                                              << "com.halvorn.??.conf" << QByteArray();
+    QTest::newRow("domain outside Mac Roman") << QString::fromUtf8("com.halvorn.日本") << "/x" << "com.halvorn.??.conf"
+                                              << QByteArray();
 }
 
+// As veldadmin through sudo, into root's folder: a write, then both forms of delete.
 void tst_PrefStore::globalWrite()
 {
     REQUIRE_PRIVILEGED();
@@ -245,25 +207,21 @@ void tst_PrefStore::globalWrite()
     QFETCH(QByteArray, readBack);
     CountingLauncher launcher;
     QVERIFY(launcher.create(m_dir.path()));
-    // Root's folder: the user cannot write there without the right.
-    QVERIFY(QFile::setPermissions(m_prefs->path(), QFileDevice::Permissions(0x7755)));
-    for (const QString &folder : {QStringLiteral("etc"), QStringLiteral("etc/xdg")})
-        QVERIFY(QFile::setPermissions(m_prefs->path() + '/' + folder, QFileDevice::Permissions(0x7755)));
-    const QString key = kKey;
-    const QStringList command = asUser(QStringLiteral("veldadmin"), kProbe,
-                                       {"auth", "defaults", domain, key, value, "prefread", "global", domain, key,
-                                        "defaults", domain, key, "-", "defaults", domain, "Other", "kept",
-                                        "defaults", domain, "Other", "x:"});
-    const ProcessResult result = runProcess(command.first(), command.mid(1), launcher.environment(kHelper, QString(), m_prefs->environment()));
+    for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
+        QVERIFY(QFile::setPermissions(m_prefs->path() + folder, QFileDevice::Permissions(0x7755)));
+    const QStringList command =
+        asUser(QStringLiteral("veldadmin"), kProbe,
+               {"auth", "defaults", domain, kKey, value, "prefread", "global", domain, kKey, "defaults", domain, kKey, "-",
+                "defaults", domain, "Other", "kept", "defaults", domain, "Other", "x:"});
+    const ProcessResult result =
+        runProcess(command.first(), command.mid(1), launcher.environment(kHelper, QString(), m_prefs->environment()));
     QVERIFY2(result.exitCode == 0, qPrintable(result.err));
     QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\ndefaults=1\nprefread=%1\ndefaults=1\ndefaults=1\ndefaults=1\n")
-                             .arg(QString::fromLatin1(readBack)));
+                             .arg(QString::fromLatin1(readBack.toHex())));
     QCOMPARE(launcher.launches(), 1);
     const QString written = m_prefs->systemFolder() + '/' + fileName;
-    QFileInfo info(written);
-    QCOMPARE(info.owner(), QStringLiteral("root"));
-    QCOMPARE(info.permissions() & 0x0fff, QFileDevice::Permissions(0x0644));
-    // Both delete forms removed their keys: nothing is left in the file.
+    QCOMPARE(QFileInfo(written).owner(), QStringLiteral("root"));
+    QCOMPARE(QFileInfo(written).permissions() & 0x0fff, QFileDevice::Permissions(0x0644));
     QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
 }
 
@@ -272,32 +230,33 @@ void tst_PrefStore::defaultsTool_data()
     QTest::addColumn<QString>("script");   // "$1" the tool, "$2" a folder holding d.conf with K=old
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("message");  // the start of what it says, or nothing
-    QTest::addColumn<QString>("keys");     // K and L afterwards, or "unchanged"
+    QTest::addColumn<QString>("keys");     // K and L afterwards; "unchanged": d.conf as it was
 
+    const QString same = QStringLiteral("unchanged");
     QTest::newRow("write under umask 077 still gives 0644")
-        << "umask 077; \"$1\" write \"$2/d\" K new && stat -c %a \"$2/d.conf\" >&2" << 0 << "644" << "new,";
-    QTest::newRow("write keeps the other keys") << "\"$1\" write \"$2/d\" L two" << 0 << "" << "old,two";
-    QTest::newRow("delete removes one key") << "\"$1\" delete \"$2/d\" K" << 0 << "" << ",";
-    QTest::newRow("delete from a missing file makes none") << "\"$1\" delete \"$2/none\" K && test ! -e \"$2/none.conf\""
-                                                           << 0 << "" << "unchanged";
-    QTest::newRow("no arguments") << "\"$1\"" << 2 << "usage: veld-defaults write TARGET KEY VALUE" << "unchanged";
-    QTest::newRow("another verb") << "\"$1\" read \"$2/d\" K" << 2 << "usage:" << "unchanged";
-    QTest::newRow("write without a value") << "\"$1\" write \"$2/d\" K" << 2 << "usage:" << "unchanged";
-    QTest::newRow("a relative target") << "cd \"$2\" && \"$1\" write d K new" << 2
-                                       << "veld-defaults: the target must be an absolute path: d" << "unchanged";
-    QTest::newRow("an empty key") << "\"$1\" write \"$2/d\" '' new" << 2 << "veld-defaults: the key is empty" << "unchanged";
-    QTest::newRow("a value that is not UTF-8") << "\"$1\" write \"$2/d\" K \"$(printf 'caf\\216')\"" << 2
-                                               << "veld-defaults: the value is not UTF-8 text" << "unchanged";
-    QTest::newRow("a folder where the file goes") << "mkdir \"$2/f.conf\" && \"$1\" write \"$2/f\" K new" << 1
-                                                  << "veld-defaults: $2/f.conf: not a regular file" << "unchanged";
-    QTest::newRow("a symbolic link is not followed") << "ln -s d.conf \"$2/l.conf\" && \"$1\" write \"$2/l\" K new" << 1
-                                                     << "veld-defaults: $2/l.conf: not a regular file" << "unchanged";
+        << R"(umask 077; "$1" write "$2/d" K new && stat -c %a "$2/d.conf" >&2)" << 0 << "644" << "new,";
+    QTest::newRow("write and delete keep the other keys") << R"("$1" write "$2/d" L two && "$1" delete "$2/d" L)" << 0
+                                                          << "" << "old,";
+    QTest::newRow("delete from a missing file makes none")
+        << R"("$1" delete "$2/none" K && test ! -e "$2/none.conf")" << 0 << "" << same;
+    QTest::newRow("no arguments") << R"("$1")" << 2 << "usage: veld-defaults write TARGET KEY VALUE" << same;
+    QTest::newRow("another verb") << R"("$1" read "$2/d" K)" << 2 << "usage:" << same;
+    QTest::newRow("write without a value") << R"("$1" write "$2/d" K)" << 2 << "usage:" << same;
+    QTest::newRow("a relative target") << R"(cd "$2" && "$1" write d K new)" << 2
+                                       << "veld-defaults: the target must be an absolute path: d" << same;
+    QTest::newRow("an empty key") << R"("$1" write "$2/d" '' new)" << 2 << "veld-defaults: the key is empty" << same;
+    QTest::newRow("a value that is not UTF-8") << R"x("$1" write "$2/d" K "$(printf 'caf\216')")x" << 2
+                                               << "veld-defaults: the value is not UTF-8 text" << same;
+    QTest::newRow("a folder where the file goes") << R"(mkdir "$2/f.conf" && "$1" write "$2/f" K new)" << 1
+                                                  << "veld-defaults: $2/f.conf: not a regular file" << same;
+    QTest::newRow("a symbolic link is not followed") << R"(ln -s d.conf "$2/l.conf" && "$1" write "$2/l" K new)" << 1
+                                                     << "veld-defaults: $2/l.conf: not a regular file" << same;
     QTest::newRow("a corrupt file is left as it is")
-        << "printf '[Gen\\n\\001 K=v' > \"$2/c.conf\" && cp \"$2/c.conf\" \"$2/c.copy\" && \"$1\" write \"$2/c\" K new; "
-           "s=$?; cmp -s \"$2/c.conf\" \"$2/c.copy\" && exit $s"
-        << 1 << "veld-defaults: $2/c.conf: not a preference file in INI form" << "unchanged";
-    QTest::newRow("a missing folder") << "\"$1\" write \"$2/none/d\" K new" << 1
-                                      << "veld-defaults: cannot create a file in $2/none: No such file" << "unchanged";
+        << R"(printf '[Gen\n\001 K=v' > "$2/c.conf" && cp "$2/c.conf" "$2/c.copy" && "$1" write "$2/c" K new; )"
+           R"(s=$?; cmp -s "$2/c.conf" "$2/c.copy" && exit $s)"
+        << 1 << "veld-defaults: $2/c.conf: not a preference file in INI form" << same;
+    QTest::newRow("a missing folder") << R"("$1" write "$2/none/d" K new)" << 1
+                                      << "veld-defaults: cannot create a file in $2/none: No such file" << same;
 }
 
 void tst_PrefStore::defaultsTool()
@@ -307,8 +266,9 @@ void tst_PrefStore::defaultsTool()
     QFETCH(QString, message);
     QFETCH(QString, keys);
     const QString folder = m_prefs->systemFolder();
-    QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K old", folder).exitCode, 0);
-    const QByteArray before = fileBytes(folder + QStringLiteral("/d.conf"));
+    const QString file = folder + QStringLiteral("/d.conf");
+    QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", folder).exitCode, 0);
+    const QByteArray before = fileBytes(file);
 
     const ProcessResult result = runDefaultsScript(script, folder);
     QCOMPARE(result.exitCode, exitCode);
@@ -316,12 +276,11 @@ void tst_PrefStore::defaultsTool()
         QCOMPARE(result.err, QString());
     else
         QVERIFY2(result.err.startsWith(QString(message).replace(QLatin1String("$2"), folder)), qPrintable(result.err));
-    if (keys == QLatin1String("unchanged")) {
-        QCOMPARE(fileBytes(folder + QStringLiteral("/d.conf")), before);
-    } else {
-        const QSettings after(folder + QStringLiteral("/d.conf"), QSettings::IniFormat);
+    const QSettings after(file, QSettings::IniFormat);
+    if (keys == QLatin1String("unchanged"))
+        QCOMPARE(fileBytes(file), before);
+    else
         QCOMPARE(after.value("K").toString() + ',' + after.value("L").toString(), keys);
-    }
     // No file of the tool's own is left beside the preferences.
     QCOMPARE(QDir(folder).entryList({".veld-defaults*"}, QDir::AllEntries | QDir::Hidden), QStringList());
 }
@@ -330,21 +289,21 @@ void tst_PrefStore::defaultsTool()
 void tst_PrefStore::readersNeverSeeHalfAFile()
 {
     const QString folder = m_prefs->systemFolder();
+    const QString file = folder + QStringLiteral("/d.conf");
     const QString big(60000, 'v');
-    QVERIFY(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode == 0);
+    QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode, 0);
     QProcess writer;
     writer.start(QStringLiteral("sh"), {"-c", "for i in $(seq 1 150); do \"$1\" write \"$2/d\" K \"$3$i\" || exit 1; done",
                                         "sh", kDefaults, folder, big});
     QVERIFY(writer.waitForStarted());
     int reads = 0;
-    while (!writer.waitForFinished(1)) {
-        const QByteArray text = fileBytes(folder + QStringLiteral("/d.conf"));
+    for (; !writer.waitForFinished(1); ++reads) {
+        const QByteArray text = fileBytes(file);
         QVERIFY2(text.startsWith("[General]\nK=" + big.toLatin1()) && text.endsWith("\n"), text.left(40).constData());
-        ++reads;
     }
     QCOMPARE(writer.exitCode(), 0);
     QVERIFY(reads > 10);
-    QCOMPARE(QSettings(folder + QStringLiteral("/d.conf"), QSettings::IniFormat).value("K").toString(), big + "150");
+    QCOMPARE(QSettings(file, QSettings::IniFormat).value("K").toString(), big + "150");
 }
 
 // On a file system that fills up during the write, the old file stays whole and nothing is left beside it.
