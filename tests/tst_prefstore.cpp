@@ -40,7 +40,7 @@ private slots:
     void macRomanEveryByte();
     void readers_data();
     void readers();
-    void productDomainAndUnreadableFiles();
+    void unreadableFiles();
     void localWrite_data();
     void localWrite();
     void refusedWrites();
@@ -106,8 +106,8 @@ void tst_PrefStore::readers_data()
     QTest::newRow("corrupt user file is passed over") << QStringList{"[Gen", "\x01\x02 " + key + "/u"} << s << S << S << S;
     // é ü € Ω and the apple are in Mac Roman; 日 and ž are not.
     const QByteArray roman("/caf\x8e \x9f\xdb\xbd\xf0 ??");
-    QTest::newRow("escaped non-ASCII in Mac Roman") << none << QStringList{key + R"("/caf\xe9 \xfc\x20ac\x3a9\xf8ff \x65e5\x17e")"}
-                                                    << roman << roman << roman;
+    const QStringList escaped{key + R"("/caf\xe9 \xfc\x20ac\x3a9\xf8ff \x65e5\x17e")"};
+    QTest::newRow("escaped non-ASCII in Mac Roman") << none << escaped << roman << roman << roman;
     QTest::newRow("4095 bytes fit with the terminator") << none << QStringList{key + fits} << fits << fits << fits;
     QTest::newRow("4096 do not") << none << QStringList{key + fits + 'x'} << empty << empty << empty;
 }
@@ -124,14 +124,14 @@ void tst_PrefStore::readers()
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
     QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
     QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
+    QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), any);
+    QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
 }
 
-void tst_PrefStore::productDomainAndUnreadableFiles()
+// A file that is a folder, or one that cannot be read, reads as empty.
+void tst_PrefStore::unreadableFiles()
 {
     writeFile(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
-    QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), QByteArray("/s"));
-    QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
-    // A file that is a folder, or one that cannot be read, reads as empty.
     QVERIFY(QDir().mkpath(userFile()));
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
     const QStringList probe = asUnprivilegedUser(kProbe, {"prefread", "local", kDomain, kKey});
