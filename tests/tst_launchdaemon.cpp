@@ -84,6 +84,9 @@ void tst_LaunchDaemon::create()
     expected << "    <key>RunAtLoad</key>" << "        " + flag << "    <key>KeepAlive</key>" << "         " + flag
              << "</dict>" << "</plist>" << "";
     QCOMPARE(fileText(path).split('\n'), expected);
+    // A well-formed property list (xmllint is one of the build's packages; no network for the DTD).
+    const ProcessResult lint = runProcess(QStringLiteral("xmllint"), {"--noout", "--nonet", path});
+    QVERIFY2(lint.exitCode == 0, qPrintable(lint.err));
 }
 
 void tst_LaunchDaemon::locations_data()
