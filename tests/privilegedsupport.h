@@ -48,6 +48,7 @@ bool allGone(const QList<pid_t> &pids);
 class CountingLauncher
 {
 public:
+    /** Writes the launcher into folder and opens the folder (0755) to the test users. */
     bool create(const QString &folder);
     QString path() const { return m_folder + QStringLiteral("/launch"); }
     /** Starts counted since the last reset, or -1 when unknown. */

@@ -91,7 +91,6 @@ class tst_Install : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
         QVERIFY(m_launcher.create(m_dir.path()));
     }
     void cleanup() { QVERIFY(allGone(helperProcesses(kHelper))); }
@@ -269,16 +268,6 @@ void tst_Install::install()
     }
 }
 
-int main(int argc, char **argv)
-{
-    QApplication app(argc, argv);
-    if (argc == 3 && qstrcmp(argv[1], "--scenario") == 0) {
-        InstallScenarios scenarios;
-        return QTest::qExec(&scenarios, QStringList{QString::fromLocal8Bit(argv[0]), QString::fromLocal8Bit(argv[2])});
-    }
-    tst_Install test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+VELD_SCENARIO_MAIN(InstallScenarios, tst_Install)
 
 #include "tst_install.moc"

@@ -334,15 +334,6 @@ void tst_PickDestPage::scenario()
     });
 }
 
-int main(int argc, char **argv)
-{
-    QApplication app(argc, argv);
-    if (argc == 3 && qstrcmp(argv[1], "--scenario") == 0) {
-        DestinationScenarios scenarios;
-        return QTest::qExec(&scenarios, QStringList{QString::fromLocal8Bit(argv[0]), QString::fromLocal8Bit(argv[2])});
-    }
-    tst_PickDestPage test;
-    return QTest::qExec(&test, argc, argv);
-}
+VELD_SCENARIO_MAIN(DestinationScenarios, tst_PickDestPage)
 
 #include "tst_pickdestpage.moc"

@@ -276,15 +276,6 @@ void tst_SourcePage::scenario()
     runScenario(layout.path(), scenario, env, withEmptyMedia);
 }
 
-int main(int argc, char **argv)
-{
-    QApplication app(argc, argv);
-    if (argc == 3 && qstrcmp(argv[1], "--scenario") == 0) {
-        SourcePageScenarios scenarios;
-        return QTest::qExec(&scenarios, QStringList{QString::fromLocal8Bit(argv[0]), QString::fromLocal8Bit(argv[2])});
-    }
-    tst_SourcePage test;
-    return QTest::qExec(&test, argc, argv);
-}
+VELD_SCENARIO_MAIN(SourcePageScenarios, tst_SourcePage)
 
 #include "tst_sourcepage.moc"

@@ -58,4 +58,22 @@ using CommandWrapper = std::function<QStringList(const QString &program, const Q
 void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env,
                  const CommandWrapper &wrap, QString *output = nullptr);
 
+/**
+ * The main() of a test program whose copies also run its scenarios: "--scenario NAME"
+ * runs that function of Scenarios (as runScenario starts it), anything else runs Test.
+ */
+#define VELD_SCENARIO_MAIN(Scenarios, Test)                                                              \
+    int main(int argc, char **argv)                                                                      \
+    {                                                                                                    \
+        QApplication app(argc, argv);                                                                    \
+        if (argc == 3 && qstrcmp(argv[1], "--scenario") == 0) {                                          \
+            Scenarios scenarios;                                                                         \
+            return QTest::qExec(&scenarios, QStringList{QString::fromLocal8Bit(argv[0]),                 \
+                                                        QString::fromLocal8Bit(argv[2])});               \
+        }                                                                                                \
+        Test test;                                                                                       \
+        QTEST_SET_MAIN_SOURCE_PATH                                                                       \
+        return QTest::qExec(&test, argc, argv);                                                          \
+    }
+
 #endif
