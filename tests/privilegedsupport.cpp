@@ -44,7 +44,7 @@ QList<pid_t> helperProcesses(const QString &helper)
 
 bool allGone(const QList<pid_t> &pids)
 {
-    for (int waited = 0; waited < 5000; waited += 20) {
+    for (int waited = 0; waited < 30000; waited += 20) {
         if (std::none_of(pids.begin(), pids.end(),
                          [](pid_t pid) { return QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); }))
             return true;

@@ -37,7 +37,7 @@ QStringList asUser(const QString &user, const QString &program, const QStringLis
 /** Every process whose command line names helper: the helper and its launcher. */
 QList<pid_t> helperProcesses(const QString &helper);
 
-/** Waits up to 5 s for every one of pids to be gone. */
+/** Waits up to 30 s for every one of pids to be gone. */
 bool allGone(const QList<pid_t> &pids);
 
 /**

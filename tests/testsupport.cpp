@@ -16,7 +16,7 @@ ProcessResult runProcess(const QString &program, const QStringList &args, const 
     process.setProcessEnvironment(env);
     process.start(program, args);
     ProcessResult result;
-    if (!process.waitForStarted(10000) || !process.waitForFinished(60000)) {
+    if (!process.waitForStarted(60000) || !process.waitForFinished(120000)) {
         process.kill();
         process.waitForFinished(5000);
         return result;

@@ -13,7 +13,7 @@ struct ProcessResult {
     QString err;
 };
 
-/** Runs program to its end (at most 60 s) with the given environment. */
+/** Runs program to its end (at most 120 s) with the given environment. */
 ProcessResult runProcess(const QString &program, const QStringList &args,
                          const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 

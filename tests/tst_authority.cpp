@@ -170,10 +170,10 @@ void tst_Authority::helperFrames()
     helper.write(input);
     // Input that ends while a tool runs means the installer is gone: wait for the answers first.
     QByteArray answers;
-    while (answers.size() < output.size() && helper.waitForReadyRead(5000))
+    while (answers.size() < output.size() && helper.waitForReadyRead(60000))
         answers += helper.readAllStandardOutput();
     helper.closeWriteChannel();
-    QVERIFY(helper.waitForFinished(10000));
+    QVERIFY(helper.waitForFinished(60000));
     QCOMPARE(answers + helper.readAllStandardOutput(), output);
     QCOMPARE(helper.exitCode(), exitCode);
     const QString err = QString::fromUtf8(helper.readAllStandardError());
@@ -311,7 +311,7 @@ void tst_Authority::helperEndsWithClient()
     client.start(command.first(), command.mid(1));
     const auto waitFor = [&](const char *text) {
         QByteArray out;
-        while (!out.contains(text) && client.waitForReadyRead(10000))
+        while (!out.contains(text) && client.waitForReadyRead(60000))
             out += client.readAllStandardOutput();
         return out.contains(text);
     };
@@ -320,7 +320,7 @@ void tst_Authority::helperEndsWithClient()
     QCOMPARE(helpers.size(), 2);   // the launcher and the helper
     if (killed) {
         ::kill(pid_t(client.processId()), SIGKILL);
-        QVERIFY(client.waitForFinished(5000));
+        QVERIFY(client.waitForFinished(60000));
     } else {
         client.write("\n");
         QVERIFY(waitFor("free=0 ref=null"));

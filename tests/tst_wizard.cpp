@@ -220,7 +220,7 @@ void tst_Wizard::realInstallerStarts()
         installer.waitForFinished(5000);
     });
     QVERIFY(installer.waitForStarted(5000));
-    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith(QLatin1String("---VELDInstaller[")), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith(QLatin1String("---VELDInstaller[")), 60000);
     QVERIFY(!installer.waitForFinished(500));
 }
 

@@ -14,7 +14,65 @@
 #include <QWizard>
 #include <QtTest>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <mutex>
+
+namespace {
+
+std::mutex sGateMutex;
+std::condition_variable sGateChanged;
+enum class GateState { Open, Closed, Holding } sGate = GateState::Open;
+int sFoldersAfterCancel = 0;
+
+void gateHook(const QByteArray &, const std::atomic<bool> &cancelled)
+{
+    std::unique_lock<std::mutex> lock(sGateMutex);
+    if (cancelled.load()) {
+        ++sFoldersAfterCancel;
+        return;
+    }
+    // Each scan has a thread of its own: it is held at its second folder, once its first is listed.
+    thread_local int folders = 0;
+    if (++folders != 2 || sGate != GateState::Closed)
+        return;
+    sGate = GateState::Holding;
+    sGateChanged.notify_all();
+    // A cancellation does not notify this gate, so the flag is looked at now and then.
+    while (sGate == GateState::Holding && !cancelled.load())
+        sGateChanged.wait_for(lock, std::chrono::milliseconds(1));
+    sGate = GateState::Open;
+}
+
+} // namespace
+
+void ScanGate::close()
+{
+    SizeThread::setFolderHook(gateHook);
+    std::lock_guard<std::mutex> lock(sGateMutex);
+    sGate = GateState::Closed;
+    sFoldersAfterCancel = 0;
+}
+
+bool ScanGate::waitUntilHeld()
+{
+    std::unique_lock<std::mutex> lock(sGateMutex);
+    return sGateChanged.wait_for(lock, std::chrono::seconds(60), [] { return sGate == GateState::Holding; });
+}
+
+void ScanGate::release()
+{
+    std::lock_guard<std::mutex> lock(sGateMutex);
+    sGate = GateState::Open;
+    sGateChanged.notify_all();
+}
+
+int ScanGate::foldersAfterCancel()
+{
+    std::lock_guard<std::mutex> lock(sGateMutex);
+    return sFoldersAfterCancel;
+}
 
 void clickAcceptBox(QWizard &wizard)
 {

@@ -45,6 +45,21 @@ void choose(QWizard &wizard, const QString &folder);
  */
 void answerMessageBoxes(bool escape);
 
+/**
+ * Holds a scan at a folder until the test lets it go, so that a test meets a
+ * scan in the state it needs whatever the machine's speed. Once closed, the
+ * first scan to reach its second folder (its first one listed) waits there
+ * until release(), or until it is cancelled; later scans pass.
+ */
+namespace ScanGate {
+void close();
+/** True once a scan waits at the gate; false after 60 s without one. */
+bool waitUntilHeld();
+void release();
+/** Folders that scans reached after their cancellation (zero when every cancelled walk stopped at once). */
+int foldersAfterCancel();
+} // namespace ScanGate
+
 /** The command line that runs program with args, as a test wraps it (a namespace, another user). */
 using CommandWrapper = std::function<QStringList(const QString &program, const QStringList &args)>;
 

@@ -73,9 +73,19 @@ void readListing(Listing &listing, const std::atomic<bool> &cancelled)
     ::closedir(dir);
 }
 
+std::atomic<SizeThread::FolderHook> sFolderHook{nullptr};
+
+void listFolder(Listing &listing, const std::atomic<bool> &cancelled, SizeThread::FolderHook hook)
+{
+    if (hook)
+        hook(listing.dir, cancelled);
+    readListing(listing, cancelled);
+}
+
 // The walk behind dirSize. Files directly in path carry path as given; files
 // further down carry the absolute, clean path of their folder.
-quint64 walk(const QString &path, QList<QFileInfo> &list, const std::atomic<bool> &cancelled)
+quint64 walk(const QString &path, QList<QFileInfo> &list, const std::atomic<bool> &cancelled,
+             SizeThread::FolderHook hook = nullptr)
 {
     const QFileInfo root(path);
     if (!root.isDir())
@@ -89,7 +99,7 @@ quint64 walk(const QString &path, QList<QFileInfo> &list, const std::atomic<bool
     quint64 total = 0;
     std::vector<Listing> stack(1);
     stack.back().dir = QFile::encodeName(top);
-    readListing(stack.back(), cancelled);
+    listFolder(stack.back(), cancelled, hook);
     const QByteArray absoluteTop = QFile::encodeName(root.absoluteFilePath());
 
     while (!stack.empty()) {
@@ -105,7 +115,7 @@ quint64 walk(const QString &path, QList<QFileInfo> &list, const std::atomic<bool
         if (entry.folder) {
             Listing sub;
             sub.dir = joinPath(atTop ? absoluteTop : current.dir, entry.name);
-            readListing(sub, cancelled);
+            listFolder(sub, cancelled, hook);
             stack.push_back(std::move(sub));
         } else {
             total += entry.size;
@@ -182,6 +192,11 @@ quint64 SizeThread::dirSize(const QString &path, QList<QFileInfo> &list)
     return walk(path, list, never);
 }
 
+void SizeThread::setFolderHook(FolderHook hook)
+{
+    sFolderHook.store(hook);
+}
+
 void SizeThread::cancel()
 {
     m_cancelled.store(true);
@@ -192,7 +207,7 @@ void SizeThread::run()
     // The thread's last touch of this object, whichever way run ends.
     auto lastTouch = qScopeGuard([this] { std::lock_guard<std::mutex> lock(m_foundMutex); });
     QList<QFileInfo> found;
-    const quint64 total = walk(path, found, m_cancelled);
+    const quint64 total = walk(path, found, m_cancelled, sFolderHook.load());
     if (m_cancelled.load())
         return;
     totalSize = total;

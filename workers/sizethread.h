@@ -62,6 +62,16 @@ public:
     /** True while a started scan has not ended or not yet delivered its result. */
     static bool scansPending();
 
+    /**
+     * A hook for tests, which hold a scan at a known point with it: when set,
+     * it is called on a scan's thread before each folder is listed, with the
+     * folder as the walk reached it and the scan's cancellation flag, and the
+     * walk goes on when it returns. dirSize never calls it. Set it while no
+     * scan runs.
+     */
+    using FolderHook = void (*)(const QByteArray &folder, const std::atomic<bool> &cancelled);
+    static void setFolderHook(FolderHook hook);
+
 signals:
     void pathSize(QString path, quint64 totalSize);
 
