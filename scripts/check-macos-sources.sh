@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles, on Linux, every source file of the macOS build against tests/macsdk: headers of our
+# Compiles, on Linux, every source file of the macOS build against scripts/macsdk: headers of our
 # own that declare exactly the Apple types, constants and functions the macOS code uses, with
 # their documented signatures and values. Objective-C++ files go through GNU Objective-C++.
 # It checks names, signatures and types; linking and running need a Mac.
@@ -14,7 +14,7 @@ info_plist=$3
 shift 3
 
 flags=(-std=c++17 -fsyntax-only -Wall -Wextra -Werror -fPIC -D__APPLE__ -D__MACH__
-       -I"$root/tests/macsdk" -I"$root")
+       -I"$root/scripts/macsdk" -I"$root")
 IFS=';' read -r -a dirs <<<"$qt_includes"
 for dir in "${dirs[@]}"; do flags+=(-I"$dir"); done
 
