@@ -2,11 +2,8 @@
 // each result on a line of its own, so that tests can drive a fresh process
 // under an executable name and a folder layout of their choosing.
 #include "platform/authority.h"
-#include "platform/installpath.h"
 #include "platform/log.h"
-#include "platform/prefstore.h"
 #include "platform/sysinfo.h"
-#include "platform/users.h"
 #include "service/launchdaemon.h"
 
 #include <cstdio>
@@ -40,27 +37,10 @@ bool toolCommand(int argc, char **argv, int &i, const char **tool, std::vector<c
     return true;
 }
 
-// A value as the command line gives it: "-" is none, "x:HEX" the bytes in hexadecimal
-// (for bytes that are not text), anything else itself.
-QByteArray valueArgument(const char *text)
-{
-    if (strcmp(text, "-") == 0)
-        return QByteArray();
-    if (strncmp(text, "x:", 2) == 0)
-        return QByteArray::fromHex(text + 2);
-    return QByteArray(text);
-}
-
-const char *valueOrNull(const char *text, const QByteArray &value)
-{
-    return strcmp(text, "-") == 0 ? nullptr : value.constData();
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
-    void *library = nullptr;
     AuthorizationRef released = nullptr;
     for (int i = 1; i < argc; ++i) {
         const std::string command = argv[i];
@@ -87,27 +67,6 @@ int main(int argc, char **argv)
         } else if (command == "long" && hasArg) {
             const std::string text(strtoul(argv[++i], nullptr, 10), 'x');
             log_msg("%s", text.c_str());
-        } else if (command == "installpath") {
-            printf("installpath=%s\n", GetInstallPath().c_str());
-        } else if (command == "helppath") {
-            printf("helppath=%s\n", GetHelpPath().c_str());
-        } else if (command == "dyld") {
-            const int result = setMacDYLDPath();
-            const char *value = getenv("LD_LIBRARY_PATH");
-            printf("dyld=%d env=%s\n", result, value ? value : "(unset)");
-        } else if (command == "load" && hasArg) {
-            library = LoadLibraryA(argv[++i]);
-            printf("load=%d\n", library ? 1 : 0);
-        } else if (command == "sym" && hasArg) {
-            void *address = GetProcAddress(library, argv[++i]);
-            if (address)
-                printf("sym=%d\n", reinterpret_cast<int (*)()>(address)());
-            else
-                printf("sym=null\n");
-        } else if (command == "gid" && hasArg) {
-            printf("gid=%u\n", getGroupId(argv[++i]));
-        } else if (command == "user" && hasArg) {
-            printf("user=%s\n", getUserName(static_cast<uid_t>(strtoul(argv[++i], nullptr, 10))).c_str());
         } else if (command == "auth") {
             const bool granted = createAuthority(&gMacAuthorizationRef);
             printf("\nauth=%d ref=%s\n", granted ? 1 : 0, gMacAuthorizationRef ? "set" : "null");
@@ -126,30 +85,9 @@ int main(int argc, char **argv)
             released = gMacAuthorizationRef;
             const int status = freeAuthority(&gMacAuthorizationRef);
             printf("free=%d ref=%s\n", status, gMacAuthorizationRef ? "set" : "null");
-        } else if (command == "prefread" && i + 3 < argc) {
-            const QString domain = QString::fromUtf8(argv[i + 2]);
-            const QString key = QString::fromUtf8(argv[i + 3]);
-            const std::string scope = argv[i + 1];
-            const QByteArray value = scope == "global" ? MacReadGlobalDefaultSetting(domain, key)
-                                     : scope == "local" ? MacReadLocalDefaultSetting(domain, key)
-                                                        : MacReadAnyDefaultSetting(domain, key);
-            printf("prefread=%s\n", value.toHex().constData());
-            i += 3;
-        } else if ((command == "prefwrite" || command == "defaults") && i + 3 < argc) {
-            const QByteArray value = valueArgument(argv[i + 3]);
-            const char *given = valueOrNull(argv[i + 3], value);
-            const bool result = command == "prefwrite"
-                                    ? MacWriteLocalDefaultSetting(QString::fromUtf8(argv[i + 1]),
-                                                                  QString::fromUtf8(argv[i + 2]), given)
-                                    : MacWriteGlobalDefaultSetting(QString::fromUtf8(argv[i + 1]), argv[i + 2], given,
-                                                                   gMacAuthorizationRef);
-            printf("%s=%d\n", command.c_str(), result ? 1 : 0);
-            i += 3;
         } else if (command == "launchd" && i + 3 < argc) {
             printf("launchd=%d\n", createLaunchDaemonAgent(argv[i + 1], atoi(argv[i + 2]) != 0, atoi(argv[i + 3]) != 0));
             i += 3;
-        } else if (command == "lockfile" && hasArg) {
-            createServerControlLockFile(argv[++i]);
         } else if (command == "machine") {
             // The machine queries in a process without any application object.
             uint32_t value = 0;

@@ -1,20 +1,33 @@
 #include "testsupport.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QThread>
+#include <QtTest>
 
-#include <fcntl.h>
+#include <algorithm>
+#include <cstdio>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-ProcessResult runProcess(const QString &program, const QStringList &args, const QProcessEnvironment &env)
+namespace {
+
+const char kChildMark[] = "VELD_TEST_CHILD";
+
+} // namespace
+
+ProcessResult runProcess(const QStringList &command, const QProcessEnvironment &env)
 {
     QProcess process;
     process.setProcessEnvironment(env);
-    process.start(program, args);
+    process.start(command.value(0), command.mid(1));
     ProcessResult result;
     if (!process.waitForStarted(60000) || !process.waitForFinished(120000)) {
         process.kill();
@@ -28,29 +41,111 @@ ProcessResult runProcess(const QString &program, const QStringList &args, const 
     return result;
 }
 
-const QString kLogDateStampPattern =
-    QStringLiteral("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
-                   "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
-
-QStringList logMessages(const QString &path)
+Wrap asUser(const QString &user)
 {
-    static const QRegularExpression prefix(QStringLiteral("^\\[[^ \\]]* -?\\d+\\]") + kLogDateStampPattern + QStringLiteral(": "));
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringList();
-    QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    if (!lines.isEmpty() && lines.last().isEmpty())
-        lines.removeLast();
-    for (QString &line : lines)
-        line.remove(prefix);
-    return lines;
+    return [user](const QStringList &command) {
+        return QStringList{"setpriv", "--reuid=" + user, "--regid=" + user, "--init-groups"} + command;
+    };
 }
 
-bool copyFileTo(const QString &source, const QString &target)
+Wrap asOrdinaryUser()
 {
-    QDir().mkpath(QFileInfo(target).absolutePath());
-    QFile::remove(target);
-    return QFile::copy(source, target);
+    return [](const QStringList &command) {
+        if (::geteuid() != 0)
+            return command;
+        return QStringList{"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"} + command;
+    };
+}
+
+Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs)
+{
+    return [setup, setupArgs](const QStringList &command) {
+        QStringList line{QStandardPaths::findExecutable("unshare")};
+        if (::geteuid() != 0)
+            line << "--map-root-user";
+        return line + QStringList{"--mount", "sh", "-c", setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()), "sh"}
+               + setupArgs + command;
+    };
+}
+
+QStringList wrapped(QStringList command, const QList<Wrap> &wraps)
+{
+    for (const Wrap &wrap : wraps)
+        command = wrap(command);
+    return command;
+}
+
+bool inChild()
+{
+    return qEnvironmentVariableIsSet(kChildMark);
+}
+
+QString runRowInChild(const ChildRow &row)
+{
+    QString program = QCoreApplication::applicationFilePath();
+    if (!row.copyTo.isEmpty()) {
+        QDir().mkpath(QFileInfo(row.copyTo).absolutePath());
+        QFile::remove(row.copyTo);
+        if (!QFile::copy(program, row.copyTo) || !QFile::setPermissions(row.copyTo, QFileDevice::Permissions(0x7755))) {
+            QTest::qFail("cannot copy the test program", __FILE__, __LINE__);
+            return QString();
+        }
+        program = row.copyTo;
+    }
+    const QString function = QString::fromLatin1(QTest::currentTestFunction());
+    const QString tag = QString::fromUtf8(QTest::currentDataTag());
+    QProcessEnvironment env = row.env;
+    env.insert(kChildMark, "1");
+    QProcess child;
+    child.setProcessEnvironment(env);
+    child.setProcessChannelMode(QProcess::MergedChannels);
+    const QStringList command = wrapped({program, tag.isEmpty() ? function : function + ':' + tag}, row.wraps);
+    child.start(command.first(), command.mid(1));
+    const bool ended = child.waitForFinished(240000);
+    const QString printed = QString::fromLocal8Bit(child.readAll());
+    const bool passed = ended && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0
+                        && printed.contains(QStringLiteral("PASS   : %1::%2(%3)")
+                                                .arg(QString::fromLatin1(QTest::testObject()->metaObject()->className()),
+                                                     function, tag));
+    if (!passed) {
+        // The test library cuts long messages; the child's whole report (a sanitizer's, say) goes to standard error.
+        fprintf(stderr, "%s\n", printed.toLocal8Bit().constData());
+        QTest::qFail(qPrintable("the row failed in its child process: " + command.join(' ')), __FILE__, __LINE__);
+    }
+    return printed;
+}
+
+QString placeProbe(const QString &path)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile::remove(path);
+    return QFile::copy(VELD_SUPPORTPROBE, path) && QFile::setPermissions(path, QFileDevice::Permissions(0x7755))
+               ? path
+               : QString();
+}
+
+QByteArray fileBytes(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString fileText(const QString &path)
+{
+    return QString::fromUtf8(fileBytes(path));
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes, int mode)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size() && file.flush()
+           && ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
+}
+
+bool writeScript(const QString &path, const QByteArray &body)
+{
+    return writeFile(path, "#!/bin/sh\n" + body, 0755);
 }
 
 bool makeFile(const QString &path, qint64 size)
@@ -60,68 +155,186 @@ bool makeFile(const QString &path, qint64 size)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(size);
 }
 
-QStringList asUnprivilegedUser(const QString &program, const QStringList &args)
+bool buildTree(const QString &root, const QStringList &entries)
 {
-    if (::geteuid() != 0)
-        return QStringList{program} + args;
-    return QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
-                       QStringLiteral("--clear-groups"), QStringLiteral("--"), program} + args;
+    for (const QString &line : entries) {
+        const QStringList part = line.split(QLatin1Char('|'));
+        const QString path = root + QLatin1Char('/') + part.value(1);
+        const QByteArray native = QFile::encodeName(path);
+        const char kind = part.value(0).at(0).toLatin1();
+        const bool ok = QDir().mkpath(QFileInfo(path).absolutePath())
+            && (kind == 'f'   ? makeFile(path, part.value(2).toLongLong())
+                : kind == 'd' ? QDir().mkpath(path)
+                : kind == 'l' ? ::symlink(QFile::encodeName(part.value(2)).constData(), native.constData()) == 0
+                : kind == 'm' ? ::chmod(native.constData(), mode_t(part.value(2).toUInt(nullptr, 8))) == 0
+                              : ::mknod(native.constData(), (kind == 'p' ? S_IFIFO : S_IFSOCK) | 0644, 0) == 0);
+        if (!ok) {
+            qWarning("could not build %s", qPrintable(line));
+            return false;
+        }
+    }
+    return true;
 }
 
-QString placeProbe(const QString &path)
+QString ownership(const QString &path)
 {
-    if (!copyFileTo(QStringLiteral(VELD_SUPPORTPROBE), path))
-        return QString();
-    QFile::setPermissions(path, QFile::permissions(path) | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther);
-    return path;
-}
-
-QStringList inPrivateMounts(const QString &setup, const QStringList &setupArgs, const QString &program,
-                            const QStringList &args)
-{
-    QStringList command{QStandardPaths::findExecutable(QStringLiteral("unshare"))};
-    if (geteuid() != 0)
-        command << QStringLiteral("--map-root-user");
-    command << QStringLiteral("--mount") << QStringLiteral("sh") << QStringLiteral("-c")
-            << setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()) << QStringLiteral("sh")
-            << setupArgs << program << args;
-    return command;
-}
-
-QStringList withGroupDatabase(const QString &groupFile, const QString &program, const QStringList &args)
-{
-    return inPrivateMounts(QStringLiteral("mount --bind \"$1\" /etc/group"), {groupFile}, program, args);
-}
-
-QStringList withEmptyMedia(const QString &program, const QStringList &args)
-{
-    return inPrivateMounts(QStringLiteral("mount -t tmpfs tmpfs /media"), {}, program, args);
+    struct stat status;
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return QStringLiteral("absent");
+    const passwd *owner = ::getpwuid(status.st_uid);
+    const group *group = ::getgrgid(status.st_gid);
+    return QStringLiteral("%1:%2 %3")
+        .arg(owner ? QString::fromLocal8Bit(owner->pw_name) : QString::number(status.st_uid),
+             group ? QString::fromLocal8Bit(group->gr_name) : QString::number(status.st_gid))
+        .arg(status.st_mode & 07777, 0, 8);
 }
 
 QString scratchTemplate(const QString &name)
 {
-    const QString base = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm")
-                                                                            : QDir::tempPath();
+    const QString base = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QDir::tempPath();
     return base + QLatin1Char('/') + name + QStringLiteral("-XXXXXX");
 }
 
-bool buildWideTree(const QString &root, int folders, int filesPerFolder)
+QByteArray standardErrorOf(const std::function<void()> &work)
 {
-    for (int d = 0; d < folders; ++d) {
-        const QByteArray dir = QFile::encodeName(root) + "/f" + QByteArray::number(d % 10) + "/d" + QByteArray::number(d);
-        if (!QDir().mkpath(QFile::decodeName(dir)))
-            return false;
-        for (int f = 0; f < filesPerFolder; ++f) {
-            const QByteArray name = dir + "/e" + QByteArray::number(f) + (f % 3 ? ".qventry" : ".txt");
-            const int fd = ::open(name.constData(), O_CREAT | O_WRONLY, 0644);
-            const bool written = fd >= 0 && ::write(fd, "x", 1) == 1;
-            if (fd >= 0)
-                ::close(fd);
-            if (!written)
-                return false;
-        }
+    fflush(stderr);
+    FILE *capture = tmpfile();
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(fileno(capture), STDERR_FILENO);
+    work();
+    fflush(stderr);
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    QFile file;
+    file.open(capture, QIODevice::ReadOnly);
+    file.seek(0);
+    const QByteArray written = file.readAll();
+    file.close();
+    fclose(capture);
+    return written;
+}
+
+bool matchesGlob(const QString &text, const QString &pattern)
+{
+    const QString expression = QRegularExpression::escape(pattern).replace(QLatin1String("\\*"), QLatin1String(".*"));
+    return QRegularExpression(QRegularExpression::anchoredPattern(expression), QRegularExpression::DotMatchesEverythingOption)
+        .match(text)
+        .hasMatch();
+}
+
+const QString kLogDateStampPattern =
+    QStringLiteral("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+                   "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
+
+QStringList logMessages(const QString &path)
+{
+    static const QRegularExpression prefix("^\\[[^ \\]]* -?\\d+\\]" + kLogDateStampPattern + ": ");
+    QStringList lines = fileText(path).split(QLatin1Char('\n'));
+    if (lines.last().isEmpty())
+        lines.removeLast();
+    for (QString &line : lines)
+        line.remove(prefix);
+    return lines;
+}
+
+ScopedEnvironment &ScopedEnvironment::set(const char *name, const QByteArray &value)
+{
+    m_saved.prepend({name, qEnvironmentVariableIsSet(name) ? qgetenv(name) : QByteArray()});
+    value.isNull() ? qunsetenv(name) : qputenv(name, value);
+    return *this;
+}
+
+ScopedEnvironment::~ScopedEnvironment()
+{
+    for (const auto &saved : m_saved)
+        saved.second.isNull() ? qunsetenv(saved.first.constData()) : qputenv(saved.first.constData(), saved.second);
+}
+
+namespace {
+
+// Each process of the machine but this one, with its parent and arguments.
+template <typename Visit>
+void forEachProcess(Visit visit)
+{
+    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool isPid = false;
+        const pid_t pid = pid_t(entry.toInt(&isPid));
+        if (!isPid || pid == ::getpid())
+            continue;
+        const pid_t parent = pid_t(fileBytes("/proc/" + entry + "/stat").split(' ').value(3).toInt());
+        visit(pid, parent, fileBytes("/proc/" + entry + "/cmdline").split('\0'));
     }
-    return true;
+}
+
+} // namespace
+
+QList<pid_t> processesMentioning(const QString &text)
+{
+    QList<pid_t> found;
+    forEachProcess([&](pid_t pid, pid_t, const QList<QByteArray> &args) {
+        if (std::any_of(args.begin(), args.end(), [&](const QByteArray &arg) { return arg.contains(QFile::encodeName(text)); }))
+            found << pid;
+    });
+    return found;
+}
+
+QList<pid_t> childrenRunning(const QString &program)
+{
+    QList<pid_t> found;
+    forEachProcess([&](pid_t pid, pid_t parent, const QList<QByteArray> &args) {
+        if (parent == ::getpid() && args.value(0) == QFile::encodeName(program))
+            found << pid;
+    });
+    return found;
+}
+
+bool allGone(const QList<pid_t> &pids)
+{
+    for (int waited = 0; waited < 30000; waited += 20) {
+        if (std::none_of(pids.begin(), pids.end(), [](pid_t pid) { return QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); }))
+            return true;
+        QThread::msleep(20);
+    }
+    return false;
+}
+
+uid_t userId(const QString &name)
+{
+    const passwd *entry = ::getpwnam(name.toLocal8Bit().constData());
+    return entry ? entry->pw_uid : uid_t(-1);
+}
+
+bool privilegedUsersReady()
+{
+    return ::geteuid() == 0 && userId("veldadmin") != uid_t(-1) && userId("veldguest") != uid_t(-1)
+           && QFileInfo::exists(QStringLiteral("/etc/sudoers.d/veld-authhelper"));
+}
+
+bool CountingLauncher::create(const QString &folder)
+{
+    m_folder = folder;
+    return QFile::setPermissions(folder, QFileDevice::Permissions(0x7755))
+           && writeScript(path(), "echo started >> \"${0%/*}/launches\"\nexec sudo -n \"$@\"\n") && reset();
+}
+
+int CountingLauncher::launches() const
+{
+    QFile counter(m_folder + QStringLiteral("/launches"));
+    return counter.open(QIODevice::ReadOnly) ? counter.readAll().count('\n') : -1;
+}
+
+bool CountingLauncher::reset() const
+{
+    return writeFile(m_folder + QStringLiteral("/launches"), QByteArray(), 0666);
+}
+
+QProcessEnvironment CountingLauncher::environment(const QString &helper, const QString &launcherCommand,
+                                                  const QProcessEnvironment &env) const
+{
+    QProcessEnvironment result = env;
+    result.insert(QStringLiteral("VELD_AUTH_HELPER"), helper);
+    result.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcherCommand.isEmpty() ? path() : launcherCommand);
+    return result;
 }
 
 ScratchPreferences::ScratchPreferences()
@@ -140,14 +353,13 @@ QString ScratchPreferences::systemFolder() const
     return m_dir.filePath(QStringLiteral("etc/xdg"));
 }
 
-void ScratchPreferences::writeDomainFile(const QString &folder, const QString &domain, const QStringList &lines) const
+void ScratchPreferences::write(const QString &folder, const QString &domain, const QStringList &lines) const
 {
-    QFile file(folder + QLatin1Char('/') + domain + QStringLiteral(".conf"));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write %s", qPrintable(file.fileName()));
-    file.write("[General]\n");
+    QByteArray text = "[General]\n";
     for (const QString &line : lines)
-        file.write(line.toUtf8() + '\n');
+        text += line.toUtf8() + '\n';
+    if (!writeFile(folder + QLatin1Char('/') + domain + QStringLiteral(".conf"), text))
+        qFatal("cannot write the preferences of %s", qPrintable(domain));
 }
 
 QProcessEnvironment ScratchPreferences::environment() const
@@ -158,7 +370,7 @@ QProcessEnvironment ScratchPreferences::environment() const
     return env;
 }
 
-void ScratchPreferences::applyToThisProcess() const
+void ScratchPreferences::apply() const
 {
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(userFolder()));
     qputenv("XDG_CONFIG_DIRS", QFile::encodeName(systemFolder()));

@@ -1,7 +1,6 @@
 #include "platform/authority.h"
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
-#include "privilegedsupport.h"
 #include "testsupport.h"
 
 #include <QtTest>
@@ -11,9 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The privileged cases run the support probe as the ordinary users of
-// privilegedsupport.h, through the real "sudo -n"; the policy's refusals are
-// rows of the unit table, the helper-level ones of the privileged table.
+// The privileged rows run call sequences of the support probe as the ordinary
+// users of the privileged tests, through the real "sudo -n"; the policy's
+// refusals are rows of the unit table, the helper-level ones of the privileged table.
 
 namespace {
 
@@ -25,12 +24,6 @@ QByteArray frame(char type, const std::string &payload)
     QByteArray out(4, '\0');
     qToBigEndian(quint32(payload.size() + 1), out.data());
     return out.append(type).append(payload.data(), int(payload.size()));
-}
-
-QString fileText(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 } // namespace
@@ -57,8 +50,7 @@ private slots:
 private:
     ProcessResult probeAs(const QString &user, const QStringList &args, const QString &launcherCommand = QString())
     {
-        const QStringList command = asUser(user, kProbe, args);
-        return runProcess(command.first(), command.mid(1), m_launcher.environment(kHelper, launcherCommand));
+        return runProcess(asUser(user)(QStringList{kProbe} + args), m_launcher.environment(kHelper, launcherCommand));
     }
 
     QTemporaryDir m_dir;
@@ -72,10 +64,7 @@ void tst_Authority::initTestCase()
     QVERIFY(QFileInfo(kHelper).isExecutable());
     QVERIFY(m_launcher.create(m_dir.path()));
     m_file = m_dir.filePath(QStringLiteral("printed.txt"));
-    QFile printed(m_file);
-    QVERIFY(printed.open(QIODevice::WriteOnly) && printed.write(QByteArray("line relayed through the helper\n").repeated(10)));
-    printed.close();
-    QVERIFY(printed.setPermissions(QFileDevice::Permissions(0x6444)));
+    QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
 }
 
 void tst_Authority::init()
@@ -90,7 +79,7 @@ void tst_Authority::init()
 // No test leaves a root helper behind.
 void tst_Authority::cleanup()
 {
-    QVERIFY(allGone(helperProcesses(kHelper)));
+    QVERIFY(allGone(processesMentioning(kHelper)));
 }
 
 void tst_Authority::policy_data()
@@ -189,8 +178,7 @@ void tst_Authority::severalCommands()
     const QString a = m_scratch + QStringLiteral("/a");
     const QString copy = m_scratch + QStringLiteral("/copy");
     const QString log = m_dir.filePath(QStringLiteral("tools.log"));
-    QFile(log).open(QIODevice::WriteOnly);
-    QFile::setPermissions(log, QFileDevice::Permissions(0x6666));
+    QVERIFY(writeFile(log, QByteArray(), 0666));
     const QString uid = QString::number(userId("veldadmin"));
     const QString gid = QString::number(getgrnam("veldguest")->gr_gid);
     const ProcessResult result = probeAs(
@@ -258,12 +246,9 @@ void tst_Authority::refusals()
     QFETCH(QStringList, command);
     QFETCH(QString, made);
     QFETCH(int, status);
-    if (launcher.startsWith(QLatin1String("exit "))) {
-        QFile script(m_scratch + QStringLiteral("-standin"));
-        QVERIFY(script.open(QIODevice::WriteOnly) && script.write("#!/bin/sh\n" + launcher.toUtf8() + "\n"));
-        script.close();
-        QVERIFY(script.setPermissions(QFileDevice::Permissions(0x7555)));
-        launcher = script.fileName();
+    if (launcher.startsWith("exit ")) {
+        QVERIFY(writeScript(m_scratch + "-standin", launcher.toUtf8() + '\n'));
+        launcher = m_scratch + "-standin";
     }
     command.replaceInStrings(QStringLiteral("@"), m_scratch);
     const QString after = m_scratch + QStringLiteral("/after");
@@ -307,7 +292,7 @@ void tst_Authority::helperEndsWithClient()
     QFETCH(bool, killed);
     QProcess client;
     client.setProcessEnvironment(m_launcher.environment(kHelper));
-    const QStringList command = asUser(QStringLiteral("veldadmin"), kProbe, {"auth", "wait", "free", "wait"});
+    const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
     client.start(command.first(), command.mid(1));
     const auto waitFor = [&](const char *text) {
         QByteArray out;
@@ -316,7 +301,7 @@ void tst_Authority::helperEndsWithClient()
         return out.contains(text);
     };
     QVERIFY(waitFor("waiting"));
-    const QList<pid_t> helpers = helperProcesses(kHelper);
+    const QList<pid_t> helpers = processesMentioning(kHelper);
     QCOMPARE(helpers.size(), 2);   // the launcher and the helper
     if (killed) {
         ::kill(pid_t(client.processId()), SIGKILL);
@@ -337,12 +322,11 @@ void tst_Authority::directAsRoot()
     if (geteuid() != 0)
         QSKIP("needs root");
     const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
-    QVERIFY(copyFileTo(kHelper, helper));
-    QVERIFY(QFile::setPermissions(helper, QFileDevice::Permissions(0x7500)));
+    QVERIFY(writeFile(helper, fileBytes(kHelper), 0500));
     const QString made = m_scratch + QStringLiteral("/r");
     const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
-    const ProcessResult result = runProcess(kProbe, {"auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
-                                                     "3", "delete", "/nonexistent/d", "k", "free"},
+    const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
+                                             "3", "delete", "/nonexistent/d", "k", "free"},
                                             m_launcher.environment(helper));
     QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
     QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));

@@ -1,7 +1,7 @@
 #include "workers/cdfprocess.h"
+#include "testsupport.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QtTest>
 
 #include <csignal>
@@ -15,8 +15,8 @@ private slots:
     void report_data();
     void report();
     void realDf();
-    void fakeDf_data();
-    void fakeDf();
+    void standIn_data();
+    void standIn();
 };
 
 void tst_DfProcess::report_data()
@@ -57,56 +57,45 @@ void tst_DfProcess::realDf()
     QVERIFY2(measured > 0 && qAbs(measured - expected) <= 64, qPrintable(QStringLiteral("%1, %2").arg(measured).arg(expected)));
 }
 
-void tst_DfProcess::fakeDf_data()
+void tst_DfProcess::standIn_data()
 {
-    QTest::addColumn<QByteArray>("body");   // the script of a stand-in df alone on PATH; empty: no df at all
+    QTest::addColumn<QByteArray>("body");   // of a stand-in df alone on PATH; empty: no df at all
     QTest::addColumn<QString>("folder");
     QTest::addColumn<qint64>("mebibytes");
-    QTest::addColumn<bool>("hangs");
     const QByteArray reply = "echo 'Filesystem 1024-blocks Used Available Capacity Mounted on'\n";
     QTest::newRow("a big disk, blanks and non-ASCII in the folder") << reply + "echo '/dev/sdz1 9 1 9999999998 1% /x'\n"
-                                                                    << "/Volumes/Big D\u00efsk/VELDV400/" << qint64(9765624) << false;
-    QTest::newRow("report on standard error only") << QByteArray("echo 'x 1 2 4096 5' >&2\nexit 1\n") << "/e" << qint64(0) << false;
-    QTest::newRow("fails, with a report") << reply + "echo '/dev/sdz1 1 1 2048 1% /'\nexit 1\n" << "/f" << qint64(2) << false;
-    QTest::newRow("df missing from PATH") << QByteArray() << "/m" << qint64(0) << false;
+                                                                    << "/Volumes/Big D\u00efsk/VELDV400/" << qint64(9765624);
+    QTest::newRow("report on standard error only") << QByteArray("echo 'x 1 2 4096 5' >&2\nexit 1\n") << "/e" << qint64(0);
+    QTest::newRow("fails, with a report") << reply + "echo '/dev/sdz1 1 1 2048 1% /'\nexit 1\n" << "/f" << qint64(2);
+    QTest::newRow("df missing from PATH") << QByteArray() << "/m" << qint64(0);
     // Waits for its standard input, which stays open: given 50 seconds, then killed.
-    QTest::newRow("never answers") << QByteArray("read line\n") << "/" << qint64(0) << true;
+    QTest::newRow("never answers") << QByteArray("read line\n") << "/" << qint64(0);
 }
 
 // df is found through PATH, run as "df -k FOLDER", only its standard output
 // counts, and no df is left running or unreaped once the answer is given.
-void tst_DfProcess::fakeDf()
+void tst_DfProcess::standIn()
 {
     QFETCH(QByteArray, body);
     QFETCH(QString, folder);
     QFETCH(qint64, mebibytes);
-    QFETCH(bool, hangs);
     QTemporaryDir bin;
-    QFile script(bin.path() + QStringLiteral("/df"));
-    if (!body.isEmpty()) {
-        // Shell built-ins only: it records its pid and arguments, one a line, in "ran".
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\nprintf '%s\\n' $$ \"$@\" > \"${0%/*}/ran\"\n" + body);
-        script.close();
-        QVERIFY(script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-    }
-    const QByteArray path = qgetenv("PATH");
-    auto restore = qScopeGuard([&] { qputenv("PATH", path); });
-    qputenv("PATH", QFile::encodeName(bin.path()));
+    // Shell built-ins only: it records its pid and arguments, one a line, in "ran".
+    QVERIFY(body.isEmpty() || writeScript(bin.filePath("df"), "printf '%s\\n' $$ \"$@\" > \"${0%/*}/ran\"\n" + body));
+    ScopedEnvironment env;
+    env.set("PATH", QFile::encodeName(bin.path()));
     QElapsedTimer timer;
     timer.start();
     CDfProcess df(nullptr);
     df.Run(folder);
     QCOMPARE(df.TotalAvailable(), mebibytes);
     // A df that never answers is given its 50 seconds, however quick the machine.
-    QVERIFY2(!hangs || timer.elapsed() >= 49000, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY(!body.startsWith("read") || timer.elapsed() >= 49000);
     if (body.isEmpty())
         return;
-    QFile ran(bin.path() + QStringLiteral("/ran"));
-    QVERIFY(ran.open(QIODevice::ReadOnly));
-    QStringList lines = QString::fromUtf8(ran.readAll()).split(QLatin1Char('\n'));
-    const pid_t pid = pid_t(lines.takeFirst().toInt());
-    QCOMPARE(lines, (QStringList{QStringLiteral("-k"), folder, QString()}));
+    QStringList ran = fileText(bin.filePath("ran")).split('\n');
+    const pid_t pid = pid_t(ran.takeFirst().toInt());
+    QCOMPARE(ran, (QStringList{"-k", folder, QString()}));
     QVERIFY(pid > 0);
     QCOMPARE(::kill(pid, 0), -1);   // gone, and reaped
 }

@@ -1,14 +1,17 @@
 #include "platform/installpath.h"
+#include "platform/log.h"
 #include "testsupport.h"
 
 #include <QtTest>
+
+// The loader and bundle rows run in a copy of this program placed in a layout
+// of their own ($VELD_LAYOUT), as the installer would be placed.
 
 class tst_InstallPath : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void init() { m_dir.reset(new QTemporaryDir); }
     void fixedBuffer_data();
     void fixedBuffer();
     void loadLibrary_data();
@@ -17,8 +20,17 @@ private slots:
     void bundlePaths();
 
 private:
-    QScopedPointer<QTemporaryDir> m_dir;
-    QString at(const QString &relative) const { return m_dir->filePath(relative); }
+    // In the parent: places the library (when given) and runs the row in a copy at executable.
+    void runInLayout(const QString &executable, const QString &library = QString())
+    {
+        QTemporaryDir layout;
+        QVERIFY(library.isEmpty() || writeFile(layout.filePath(library), fileBytes(VELD_PROBELIB)));
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("VELD_LAYOUT", layout.path());
+        env.remove("LD_LIBRARY_PATH");
+        runRowInChild({layout.filePath(executable), {}, env});
+    }
+    static QString at(const QString &relative) { return qEnvironmentVariable("VELD_LAYOUT") + '/' + relative; }
 };
 
 void tst_InstallPath::fixedBuffer_data()
@@ -54,21 +66,17 @@ void tst_InstallPath::loadLibrary_data()
     QTest::addColumn<QString>("name");      // what is asked for
     QTest::addColumn<QString>("tried");     // the file the loader opens
     QTest::addColumn<bool>("loaded");
-
     const QString exe = "A.app/Contents/MacOS/probe", frameworks = "A.app/Contents/Frameworks/";
     const QString lib = frameworks + "libveldprobe.so", inner = "Out.app/Contents/SharedSupport/In.app";
     QTest::newRow("upper-case suffix") << exe << lib << "libveldprobe.SO" << lib << true;
-    QTest::newRow("mixed-case suffix") << exe << lib << "libveldprobe.sO" << lib << true;
     QTest::newRow("without suffix") << exe << lib << "libveldprobe" << lib << true;
     QTest::newRow("three characters kept") << exe << frameworks + ".so.so" << ".so" << frameworks + ".so.so" << true;
     QTest::newRow("four characters cut") << exe << frameworks + "x.so" << "x.so" << frameworks + "x.so" << true;
-    QTest::newRow("other suffix kept") << exe << lib << "libveldprobe.dylib" << frameworks + "libveldprobe.dylib.so"
-                                       << false;
+    QTest::newRow("other suffix kept") << exe << lib << "libveldprobe.dylib" << frameworks + "libveldprobe.dylib.so" << false;
     QTest::newRow("shared support") << inner + "/Contents/MacOS/probe" << "Out.app/Contents/SharedSupport/Frameworks/x.so"
                                     << "x" << inner + "/../Frameworks/x.so" << true;
-    QTest::newRow("shared support, not its own frameworks") << inner + "/Contents/MacOS/probe"
-                                                            << inner + "/Contents/Frameworks/x.so" << "x"
-                                                            << inner + "/../Frameworks/x.so" << false;
+    QTest::newRow("shared support, not its own frameworks")
+        << inner + "/Contents/MacOS/probe" << inner + "/Contents/Frameworks/x.so" << "x" << inner + "/../Frameworks/x.so" << false;
 }
 
 // Then a symbol it has and one it has not. Each failure is reported on standard error
@@ -80,19 +88,24 @@ void tst_InstallPath::loadLibrary()
     QFETCH(QString, name);
     QFETCH(QString, tried);
     QFETCH(bool, loaded);
-    QVERIFY(copyFileTo(VELD_PROBELIB, at(library)));
-    const QString log = at("load.log"), path = at(tried);
-    const ProcessResult run = runProcess(placeProbe(at(executable)),
-                                         {"open", log, "P", "load", name, "sym", "veld_probe_answer", "sym", "veld_no_such"});
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, loaded ? "load=1\nsym=42\nsym=null\n" : "load=0\nsym=null\nsym=null\n");
-    const QStringList logged = logMessages(log).mid(2);
-    if (loaded)
-        QCOMPARE(logged.value(0), "Successfully loaded DLL '" + path + "'");
-    QVERIFY2(loaded || run.err.startsWith("DLL ERROR: loading DLL '" + name + "' '" + path + ": "), qPrintable(run.err));
-    QVERIFY2(loaded || logged.value(0).startsWith("DLL ERROR: loading DLL '" + path + "' '" + path + ": "),
-             qPrintable(logged.value(0)));
-    QVERIFY2(run.err.contains("DLL ERROR: (veld_no_such): "), qPrintable(run.err));
+    if (!inChild())
+        return runInLayout(executable, library);
+    OpenMacLogWithBanner(QFile::encodeName(at("load.log")).constData(), "P");
+    void *handle = nullptr, *has = nullptr, *hasNot = nullptr;
+    const QString err = standardErrorOf([&] {
+        handle = LoadLibraryA(name.toUtf8().constData());
+        has = GetProcAddress(handle, "veld_probe_answer");
+        hasNot = GetProcAddress(handle, "veld_no_such");
+    });
+    QCOMPARE(has ? reinterpret_cast<int (*)()>(has)() : handle ? -1 : 0, loaded ? 42 : 0);
+    QVERIFY(!hasNot);
+    const QStringList logged = logMessages(at("load.log")).mid(2);
+    const QString path = at(tried);
+    QVERIFY2(loaded ? logged.value(0) == "Successfully loaded DLL '" + path + "'"
+                    : logged.value(0).startsWith("DLL ERROR: loading DLL '" + path + "' '" + path + ": ")
+                          && err.startsWith("DLL ERROR: loading DLL '" + name + "' '" + path + ": "),
+             qPrintable(logged.value(0) + '\n' + err));
+    QVERIFY2(err.contains("DLL ERROR: (veld_no_such): "), qPrintable(err));
     QVERIFY2(logged.last().startsWith("DLL ERROR: (veld_no_such): "), qPrintable(logged.last()));
 }
 
@@ -126,19 +139,19 @@ void tst_InstallPath::bundlePaths()
     QFETCH(QString, before);
     QFETCH(QString, after);
     QFETCH(QStringList, logged);
+    if (!inChild())
+        return runInLayout(executable);
     const QString frameworks = at(bundle) + "/Contents/Frameworks";
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove("LD_LIBRARY_PATH");
     if (before != "-")
-        env.insert("LD_LIBRARY_PATH", before.replace("%1", frameworks));
-    const QString log = at("dyld.log");
-    const ProcessResult run =
-        runProcess(placeProbe(at(executable)), {"installpath", "helppath", "open", log, "P", "dyld", "dyld"}, env);
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, "installpath=" + at(bundle) + "\nhelppath=" + at(bundle)
-                          + "/Contents/Resources/English.lproj/VELD Installer Help/help/\n"
-                          + QString("dyld=0 env=%1\n").repeated(2).replace("%1", after.replace("%1", frameworks)));
-    QCOMPARE(logMessages(log).mid(2), logged.replaceInStrings("%1", frameworks));
+        qputenv("LD_LIBRARY_PATH", QFile::encodeName(before.replace("%1", frameworks)));
+    QCOMPARE(QString::fromStdString(GetInstallPath()), at(bundle));
+    QCOMPARE(QString::fromStdString(GetHelpPath()), at(bundle) + "/Contents/Resources/English.lproj/VELD Installer Help/help/");
+    OpenMacLogWithBanner(QFile::encodeName(at("dyld.log")).constData(), "P");
+    for (int call = 0; call < 2; ++call) {
+        QCOMPARE(setMacDYLDPath(), 0);
+        QCOMPARE(qEnvironmentVariable("LD_LIBRARY_PATH"), after.replace("%1", frameworks));
+    }
+    QCOMPARE(logMessages(at("dyld.log")).mid(2), logged.replaceInStrings("%1", frameworks));
 }
 
 QTEST_GUILESS_MAIN(tst_InstallPath)

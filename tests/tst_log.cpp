@@ -1,7 +1,6 @@
 #include "platform/log.h"
 #include "testsupport.h"
 
-#include <QFile>
 #include <QRegularExpression>
 #include <QtTest>
 
@@ -116,31 +115,23 @@ void tst_Log::runs()
     ScratchPreferences prefs;
     // The comma and the blank would split an unquoted preference value.
     const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
-    for (int i = 0; i < 2; ++i) {
-        QFile file(files[i]);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("an earlier line\n");
-    }
-    const auto placed = [&](QString text) {
-        return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]);
-    };
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(writeFile(files[i], "an earlier line\n"));
+    const auto placed = [&](QString text) { return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]); };
     QStringList user, system;
     for (const QString &pref : lines)
         (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
     for (QString &call : calls)
         call = placed(call);
-    prefs.writeDomainFile(prefs.userFolder(), "com.halvorn.Quorvan", user);
-    prefs.writeDomainFile(prefs.systemFolder(), "com.halvorn.Quorvan", system);
+    prefs.write(prefs.userFolder(), "com.halvorn.Quorvan", user);
+    prefs.write(prefs.systemFolder(), "com.halvorn.Quorvan", system);
 
-    const ProcessResult run = runProcess(placeProbe(dir.filePath("bin/" + executable)), calls, prefs.environment());
+    const ProcessResult run = runProcess(QStringList{placeProbe(dir.filePath("bin/" + executable))} + calls, prefs.environment());
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.out, out);
     for (int i = 0; i < 2; ++i) {
-        QFile file(files[i]);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QString content = QString::fromUtf8(file.readAll());
         const QRegularExpression pattern(QRegularExpression::anchoredPattern("an earlier line\n" + (i ? second : first)));
-        QVERIFY2(pattern.match(content).hasMatch(), qPrintable(content));
+        QVERIFY2(pattern.match(fileText(files[i])).hasMatch(), qPrintable(fileText(files[i])));
     }
 }
 

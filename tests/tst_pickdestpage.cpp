@@ -13,9 +13,9 @@
 #include <QPushButton>
 #include <QtTest>
 
-// The page's cases run in a copy of this program placed in a bundle in a
+// The page's rows run in a copy of this program placed in a bundle in a
 // temporary layout folder, so that layout/VELDV400 is the source beside the
-// bundle. The volume cases run it in a private mount namespace where small
+// bundle. The volume rows run it in a private mount namespace where small
 // memory file systems stand in for other disks, full ones included.
 
 namespace {
@@ -33,14 +33,30 @@ QString layoutFolder()
     return QFileInfo(QString::fromStdString(GetInstallPath()) + QStringLiteral("/..")).absoluteFilePath();
 }
 
+// In the parent: runs the row in a layout with a 1000-byte source beside the bundle and a folder
+// "Other Disk é", after the shell command setup ("$1": the layout) in a private mount namespace.
+void runInLayout(const QString &setup = QString())
+{
+    QTemporaryDir layout(scratchTemplate("tst_pickdestpage"));
+    QVERIFY(makeFile(layout.filePath("VELDV400/data/a.qventry"), 1000));
+    QVERIFY(QDir().mkpath(layout.filePath("Other Disk é")));
+    QList<Wrap> wraps;
+    if (!setup.isEmpty())
+        wraps << inPrivateMounts(setup, {layout.path()});
+    runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_pickdestpage"), wraps});
+}
+
 } // namespace
 
-class DestinationScenarios : public QObject
+class tst_PickDestPage : public QObject
 {
     Q_OBJECT
 
 private slots:
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
+    void rules_data();
+    void rules();
+    void sameVolume();
     void chooseNames_data();
     void chooseNames();
     void decide_data();
@@ -49,7 +65,7 @@ private slots:
     void waitForScan();
 };
 
-void DestinationScenarios::chooseNames_data()
+void tst_PickDestPage::chooseNames_data()
 {
     QTest::addColumn<QString>("parent");      // below HOME; "/" is the root; "" cancels the dialog
     QTest::addColumn<QStringList>("taken");   // names in parent; "file:" makes a file
@@ -69,13 +85,15 @@ void DestinationScenarios::chooseNames_data()
 }
 
 // Twice: back to the source page and on again drops the choice.
-void DestinationScenarios::chooseNames()
+void tst_PickDestPage::chooseNames()
 {
     QFETCH(QString, parent);
     QFETCH(QStringList, taken);
     QFETCH(QString, proposed);
     if (parent == "/" && QFileInfo::exists("/VELDV400"))
         QSKIP("this machine has a /VELDV400");
+    if (!inChild())
+        return runInLayout();
     QTemporaryDir home;
     qputenv("HOME", QFile::encodeName(home.path()));
     const bool cancel = parent == "-";
@@ -112,7 +130,7 @@ void DestinationScenarios::chooseNames()
     }
 }
 
-void DestinationScenarios::decide_data()
+void tst_PickDestPage::decide_data()
 {
     QTest::addColumn<QString>("setup");   // shell commands in this namespace; "$1" is the layout
     QTest::addColumn<qint64>("sourceBytes");
@@ -148,22 +166,20 @@ void DestinationScenarios::decide_data()
     QTest::newRow("df reports garbage") << garbageDf << qint64(7999999) << disk << "bin" << "refuse:7.00 MB";
 }
 
-// Run in a private mount namespace, which each row leaves as it found it.
-void DestinationScenarios::decide()
+// In a private mount namespace of the row's own.
+void tst_PickDestPage::decide()
 {
     QFETCH(QString, setup);
     QFETCH(qint64, sourceBytes);
     QFETCH(QString, chosen);
     QFETCH(QString, searchPath);
     QFETCH(QString, expect);
+    if (!inChild()) {
+        if (runProcess(wrapped({"true"}, {inPrivateMounts("true")})).exitCode != 0)
+            QSKIP("needs a private mount namespace (root, or unprivileged user namespaces) for its small disks");
+        return runInLayout(setup);
+    }
     const QString layout = layoutFolder();
-    const QByteArray path = qgetenv("PATH");
-    const auto restore = qScopeGuard([&] {
-        qputenv("PATH", path);
-        QProcess::execute("sh", {"-c", "for m in \"$1/Other Disk é\" \"$1/VELDV400\" /usr/local; do umount -R \"$m\";"
-                                       " done 2>/dev/null; true", "sh", layout});
-    });
-    QCOMPARE(QProcess::execute("sh", {"-c", setup, "sh", layout}), 0);
     QVERIFY(makeFile(layout + "/VELDV400/data/a.qventry", sourceBytes));
     if (!searchPath.isEmpty())
         qputenv("PATH", QFile::encodeName(layout + '/' + searchPath));
@@ -182,7 +198,7 @@ void DestinationScenarios::decide()
     QCOMPARE(page->subTitle(), refused ? kNoRoom.arg(expect.mid(7)) : sCopyFiles ? kMoved : kStoredIn.arg(destination));
 }
 
-void DestinationScenarios::waitForScan_data()
+void tst_PickDestPage::waitForScan_data()
 {
     QTest::addColumn<int>("button");   // what the user clicks while the scan is waited for
     QTest::newRow("Continue again") << int(QWizard::NextButton);
@@ -192,9 +208,11 @@ void DestinationScenarios::waitForScan_data()
 
 // Continue while the source beside the bundle is still measured (held at the
 // scan gate), on the same disk as the destination chosen.
-void DestinationScenarios::waitForScan()
+void tst_PickDestPage::waitForScan()
 {
     QFETCH(int, button);
+    if (!inChild())
+        return runInLayout();
     QTemporaryDir home;
     qputenv("HOME", QFile::encodeName(home.path()));
     bool scanningAtContinue = false, waitedBusy = false, scanningAfterSecondClick = false;
@@ -232,18 +250,6 @@ void DestinationScenarios::waitForScan()
         QCOMPARE(pageAfterWait, int(kSourcePageId));
     }
 }
-
-class tst_PickDestPage : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void rules_data();
-    void rules();
-    void sameVolume();
-    void scenario_data();
-    void scenario();
-};
 
 // The folder whose volume stands for a destination's, the folder df is asked about
 // (below a scratch folder holding "d/e" and the file "f"), and the shortage shown.
@@ -310,32 +316,6 @@ void tst_PickDestPage::sameVolume()
     QVERIFY(!::sameVolume(here, here + "/missing"));
 }
 
-void tst_PickDestPage::scenario_data()
-{
-    QTest::addColumn<QString>("scenario");
-    QTest::newRow("names chosen") << "chooseNames";
-    QTest::newRow("waiting for the scan") << "waitForScan";
-    QTest::newRow("decisions on small disks") << "decide";
-}
-
-void tst_PickDestPage::scenario()
-{
-    QFETCH(QString, scenario);
-    const bool disks = scenario == "decide";
-    const QStringList probe = inPrivateMounts("true", {}, "true");
-    if (disks && runProcess(probe.first(), probe.mid(1)).exitCode != 0)
-        QSKIP("needs a private mount namespace (root, or unprivileged user namespaces) for its small disks");
-    QTemporaryDir layout(scratchTemplate("tst_pickdestpage"));
-    const QString source = layout.filePath("VELDV400");
-    QVERIFY(makeFile(source + "/data/a.qventry", 1000));
-    QVERIFY(QDir().mkpath(layout.filePath("Other Disk é")));
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("HOME", layout.path());
-    runScenario(layout.path(), scenario, env, [disks](const QString &program, const QStringList &args) {
-        return disks ? inPrivateMounts("true", {}, program, args) : QStringList{program} + args;
-    });
-}
-
-VELD_SCENARIO_MAIN(DestinationScenarios, tst_PickDestPage)
+QTEST_MAIN(tst_PickDestPage)
 
 #include "tst_pickdestpage.moc"

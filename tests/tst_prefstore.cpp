@@ -1,5 +1,5 @@
+#include "platform/authority.h"
 #include "platform/prefstore.h"
-#include "privilegedsupport.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -10,22 +10,14 @@
 
 namespace {
 
-const QString kHelper = QStringLiteral(VELD_AUTHHELPER);
-const QString kDefaults = QFileInfo(kHelper).absolutePath() + QStringLiteral("/veld-defaults");
-const QString kProbe = QStringLiteral(VELD_SUPPORTPROBE);
+const QString kDefaults = QFileInfo(VELD_AUTHHELPER).absolutePath() + "/veld-defaults";
 const QString kDomain = QStringLiteral("com.halvorn.QuorvanVELD");
 const QString kKey = QStringLiteral("VELDFullDatabasePath");
-
-QByteArray fileBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
-}
 
 // Runs the shell script with "$1" the veld-defaults tool and "$2" folder.
 ProcessResult runDefaultsScript(const QString &script, const QString &folder)
 {
-    return runProcess(QStringLiteral("sh"), {"-c", script, "sh", kDefaults, folder});
+    return runProcess({"sh", "-c", script, "sh", kDefaults, folder});
 }
 
 } // namespace
@@ -35,7 +27,6 @@ class tst_PrefStore : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void init();
     void macRomanEveryByte();
     void readers_data();
@@ -52,27 +43,24 @@ private slots:
     void failedWriteKeepsOldFile();
 
 private:
-    void writeFile(const QString &folder, const QStringList &lines)
+    void write(const QString &folder, const QStringList &lines)
     {
         if (!lines.isEmpty())
-            m_prefs->writeDomainFile(folder, kDomain, lines);
+            m_prefs->write(folder, kDomain, lines);
     }
-    QString userFile() const { return m_prefs->userFolder() + '/' + kDomain + QStringLiteral(".conf"); }
+    QString domainFile(const QString &folder) const { return folder + '/' + kDomain + ".conf"; }
 
+    // Fresh for each test; a child row finds its folders through the environment instead.
     std::unique_ptr<ScratchPreferences> m_prefs;
-    QTemporaryDir m_dir;
 };
-
-void tst_PrefStore::initTestCase()
-{
-    QVERIFY(QFileInfo(kDefaults).isExecutable());
-    QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
-}
 
 void tst_PrefStore::init()
 {
+    if (inChild())
+        return;
     m_prefs.reset(new ScratchPreferences);
-    m_prefs->applyToThisProcess();
+    m_prefs->apply();
+    QVERIFY(QFile::setPermissions(m_prefs->path(), QFileDevice::Permissions(0x7755)));
 }
 
 // Every byte above 0x7F stands for one character, and comes back from it; null reads as empty.
@@ -119,8 +107,8 @@ void tst_PrefStore::readers()
     QFETCH(QByteArray, local);
     QFETCH(QByteArray, global);
     QFETCH(QByteArray, any);
-    writeFile(m_prefs->userFolder(), user);
-    writeFile(m_prefs->systemFolder(), system);
+    write(m_prefs->userFolder(), user);
+    write(m_prefs->systemFolder(), system);
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
     QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
     QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
@@ -128,19 +116,19 @@ void tst_PrefStore::readers()
     QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
 }
 
-// A file that is a folder, or one that cannot be read, reads as empty.
+// A file that is a folder, or one that cannot be read, reads as empty: the
+// latter as an ordinary user, for whom permissions hold.
 void tst_PrefStore::unreadableFiles()
 {
-    writeFile(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
-    QVERIFY(QDir().mkpath(userFile()));
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
-    const QStringList probe = asUnprivilegedUser(kProbe, {"prefread", "local", kDomain, kKey});
-    QVERIFY(QFile::setPermissions(m_prefs->path(), QFileDevice::Permissions(0x7755)));
-    QCOMPARE(runProcess(probe.first(), probe.mid(1), m_prefs->environment()).out, QStringLiteral("prefread=2f73\n"));
-    QVERIFY(QFile::setPermissions(m_prefs->systemFolder() + '/' + kDomain + ".conf", QFileDevice::Permissions()));
-    if (geteuid() != 0)
-        QSKIP("needs root to read the file as another user");
-    QCOMPARE(runProcess(probe.first(), probe.mid(1), m_prefs->environment()).out, QStringLiteral("prefread=\n"));
+    if (!inChild()) {
+        write(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
+        QVERIFY(QDir().mkpath(domainFile(m_prefs->userFolder())));
+        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
+        QVERIFY(QFile::setPermissions(domainFile(m_prefs->systemFolder()), QFileDevice::Permissions()));
+        runRowInChild({QString(), {asOrdinaryUser()}, m_prefs->environment()});
+        return;
+    }
+    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray());
 }
 
 void tst_PrefStore::localWrite_data()
@@ -160,14 +148,13 @@ void tst_PrefStore::localWrite()
 {
     QFETCH(QByteArray, value);
     QFETCH(QString, text);
-    writeFile(m_prefs->userFolder(), {"Other=kept", "VELDFullDatabasePath=/u"});
-    writeFile(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
+    write(m_prefs->userFolder(), {"Other=kept", "VELDFullDatabasePath=/u"});
+    write(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
     QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-    const QSettings file(userFile(), QSettings::IniFormat);
-    QCOMPARE(file.value(kKey), text.isNull() ? QVariant() : QVariant(text));
-    QCOMPARE(QFileInfo(userFile()).permissions() & 0x0fff, QFileDevice::Permissions(0x0644));
+    QCOMPARE(QSettings(domainFile(m_prefs->userFolder()), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
+    QCOMPARE(ownership(domainFile(m_prefs->userFolder())).section(' ', 1), "644");
 }
 
 void tst_PrefStore::refusedWrites()
@@ -177,7 +164,7 @@ void tst_PrefStore::refusedWrites()
     QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
     QVERIFY(QDir(m_prefs->systemFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
     // A per-user folder that is a file cannot be written.
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(kProbe));
+    qputenv("XDG_CONFIG_HOME", VELD_SUPPORTPROBE);
     QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
 }
 
@@ -205,24 +192,27 @@ void tst_PrefStore::globalWrite()
     QFETCH(QString, value);
     QFETCH(QString, fileName);
     QFETCH(QByteArray, readBack);
-    CountingLauncher launcher;
-    QVERIFY(launcher.create(m_dir.path()));
-    for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
-        QVERIFY(QFile::setPermissions(m_prefs->path() + folder, QFileDevice::Permissions(0x7755)));
-    const QStringList command =
-        asUser(QStringLiteral("veldadmin"), kProbe,
-               {"auth", "defaults", domain, kKey, value, "prefread", "global", domain, kKey, "defaults", domain, kKey, "-",
-                "defaults", domain, "Other", "kept", "defaults", domain, "Other", "x:"});
-    const ProcessResult result =
-        runProcess(command.first(), command.mid(1), launcher.environment(kHelper, QString(), m_prefs->environment()));
-    QVERIFY2(result.exitCode == 0, qPrintable(result.err));
-    QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\ndefaults=1\nprefread=%1\ndefaults=1\ndefaults=1\ndefaults=1\n")
-                             .arg(QString::fromLatin1(readBack.toHex())));
-    QCOMPARE(launcher.launches(), 1);
-    const QString written = m_prefs->systemFolder() + '/' + fileName;
-    QCOMPARE(QFileInfo(written).owner(), QStringLiteral("root"));
-    QCOMPARE(QFileInfo(written).permissions() & 0x0fff, QFileDevice::Permissions(0x0644));
-    QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
+    if (!inChild()) {
+        CountingLauncher launcher;
+        QTemporaryDir dir;
+        QVERIFY(launcher.create(dir.path()));
+        for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
+            QVERIFY(QFile::setPermissions(m_prefs->path() + folder, QFileDevice::Permissions(0x7755)));
+        runRowInChild({QString(), {asUser("veldadmin")}, launcher.environment(VELD_AUTHHELPER, QString(), m_prefs->environment())});
+        QCOMPARE(launcher.launches(), 1);
+        const QString written = m_prefs->systemFolder() + '/' + fileName;
+        QCOMPARE(ownership(written), "root:root 644");
+        QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
+        return;
+    }
+    const QByteArray key = kKey.toLatin1();
+    QVERIFY(createAuthority(&gMacAuthorizationRef));
+    QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), value.toUtf8().constData(), gMacAuthorizationRef));
+    QCOMPARE(MacReadGlobalDefaultSetting(domain, kKey), readBack);
+    QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), nullptr, gMacAuthorizationRef));
+    QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "kept", gMacAuthorizationRef));
+    QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "", gMacAuthorizationRef));
+    freeAuthority(&gMacAuthorizationRef);
 }
 
 void tst_PrefStore::defaultsTool_data()
@@ -306,12 +296,11 @@ void tst_PrefStore::failedWriteKeepsOldFile()
     const QString script = QStringLiteral(
         "\"$1\" write \"$2/d\" K old && dd if=/dev/zero of=\"$2/fill\" bs=4k count=56 2>/dev/null; "
         "\"$1\" write \"$2/d\" K \"$3\"; echo \"exit=$?\"; cat \"$2/d.conf\"; ls -A \"$2\"");
-    const QStringList command = inPrivateMounts(QStringLiteral("mount -t tmpfs -o size=256k tmpfs \"$1\""), {m_dir.path()},
-                                                QStringLiteral("sh"),
-                                                {"-c", script, "sh", kDefaults, m_dir.path(), QString(100000, 'n')});
-    const ProcessResult result = runProcess(command.first(), command.mid(1));
+    QTemporaryDir dir;
+    const ProcessResult result = runProcess(wrapped({"sh", "-c", script, "sh", kDefaults, dir.path(), QString(100000, 'n')},
+                                                    {inPrivateMounts("mount -t tmpfs -o size=256k tmpfs \"$1\"", {dir.path()})}));
     QCOMPARE(result.out, QStringLiteral("exit=1\n[General]\nK=old\nd.conf\nfill\n"));
-    QVERIFY2(result.err.startsWith(QStringLiteral("veld-defaults: cannot write the new %1/d.conf").arg(m_dir.path())),
+    QVERIFY2(result.err.startsWith(QStringLiteral("veld-defaults: cannot write the new %1/d.conf").arg(dir.path())),
              qPrintable(result.err));
 }
 

@@ -4,9 +4,7 @@
 #include "wizarddriver.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QPointer>
-#include <QProcess>
 #include <QtTest>
 
 #include <fcntl.h>
@@ -42,29 +40,6 @@ QStringList paths(const QList<QFileInfo> &list)
     return out;
 }
 
-// Builds a tree from lines "kind|relative path|argument": f file (size), d folder,
-// l symbolic link (target), m chmod (octal mode), p FIFO, s socket.
-bool buildTree(const QString &root, const QStringList &entries)
-{
-    for (const QString &line : entries) {
-        const QStringList part = line.split(QLatin1Char('|'));
-        const QString path = root + QLatin1Char('/') + part.value(1);
-        const QByteArray native = QFile::encodeName(path);
-        const char kind = part.value(0).at(0).toLatin1();
-        const bool ok = QDir().mkpath(QFileInfo(path).absolutePath())
-            && (kind == 'f'   ? makeFile(path, part.value(2).toLongLong())
-                : kind == 'd' ? QDir().mkpath(path)
-                : kind == 'l' ? ::symlink(QFile::encodeName(part.value(2)).constData(), native.constData()) == 0
-                : kind == 'm' ? ::chmod(native.constData(), mode_t(part.value(2).toUInt(nullptr, 8))) == 0
-                              : ::mknod(native.constData(), (kind == 'p' ? S_IFIFO : S_IFSOCK) | 0644, 0) == 0);
-        if (!ok) {
-            qWarning("could not build %s", qPrintable(line));
-            return false;
-        }
-    }
-    return true;
-}
-
 // Collects pathSize on the receiver's (this) thread, as the pages do.
 struct ResultLog : QObject {
     QList<quint64> totals;
@@ -87,7 +62,6 @@ class tst_SizeThread : public QObject
 private slots:
     void walk_data();
     void walk();
-    void nothingToWalk_data();
     void nothingToWalk();
     void sampleDatabase();
     void deepestPath();
@@ -133,16 +107,9 @@ void tst_SizeThread::walk()
     QFETCH(QStringList, entries);
     QFETCH(quint64, total);
     QFETCH(int, count);
-    if (::geteuid() == 0) {
-        const QString tag = QString::fromUtf8(QTest::currentDataTag());
-        const QStringList command = asUnprivilegedUser(QCoreApplication::applicationFilePath(), {"walk:" + tag});
-        const ProcessResult run = runProcess(command.first(), command.mid(1));
-        QVERIFY2(run.exitCode == 0, qPrintable(run.out + run.err));
-        QVERIFY(run.out.contains(QStringLiteral("PASS   : tst_SizeThread::walk(%1)").arg(tag)));
-        return;
-    }
+    VELD_ROW_IN_CHILD({QString(), {asOrdinaryUser()}});
     QTemporaryDir dir;
-    auto reopen = qScopeGuard([&] { runProcess(QStringLiteral("chmod"), {QStringLiteral("-R"), QStringLiteral("u+rwx"), dir.path()}); });
+    auto reopen = qScopeGuard([&] { runProcess({"chmod", "-R", "u+rwx", dir.path()}); });
     QVERIFY(buildTree(dir.path() + QStringLiteral("/tree"), entries));
     QVERIFY(::symlink("tree", QFile::encodeName(dir.path() + QStringLiteral("/alias"))) == 0);
     const QString cwd = QDir::currentPath();
@@ -158,34 +125,26 @@ void tst_SizeThread::walk()
     }
 }
 
-void tst_SizeThread::nothingToWalk_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::newRow("missing") << QStringLiteral("missing");
-    QTest::newRow("plain file named like data") << QStringLiteral("file.qventry");
-    QTest::newRow("FIFO") << QStringLiteral("fifo");
-    QTest::newRow("empty string") << QString();
-}
-
+// A path that is not a folder walks nothing: missing, a file named like data, a pipe, the empty string.
 void tst_SizeThread::nothingToWalk()
 {
-    QFETCH(QString, path);
     QTemporaryDir dir;
     QVERIFY(buildTree(dir.path(), {"f|file.qventry|10", "p|fifo"}));
-    QList<QFileInfo> list{QFileInfo(QStringLiteral("/kept"))};
-    QCOMPARE(SizeThread::dirSize(path.isEmpty() ? path : dir.path() + QLatin1Char('/') + path, list), quint64(0));
-    QCOMPARE(paths(list), QStringList{QStringLiteral("/kept")});
+    for (const QString &path : {dir.filePath("missing"), dir.filePath("file.qventry"), dir.filePath("fifo"), QString()}) {
+        QList<QFileInfo> list{QFileInfo("/kept")};
+        QCOMPARE(SizeThread::dirSize(path, list), quint64(0));
+        QCOMPARE(paths(list), QStringList{"/kept"});
+    }
 }
 
 // The generator's own count of its data files and bytes, decoys and all.
 void tst_SizeThread::sampleDatabase()
 {
     QTemporaryDir dir;
-    const QString tree = dir.path() + QStringLiteral("/VELDV400");
-    const ProcessResult made =
-        runProcess(QStringLiteral(VELD_MAKE_SAMPLE), QStringLiteral("--files 500 --bytes 5M --depth 4").split(' ') << tree);
+    const QString tree = dir.filePath("VELDV400");
+    const ProcessResult made = runProcess({VELD_MAKE_SAMPLE, "--files", "500", "--bytes", "5M", "--depth", "4", tree});
     QCOMPARE(made.exitCode, 0);
-    const auto counts = QRegularExpression(QStringLiteral("data_files=(\\d+) data_bytes=(\\d+)")).match(made.out);
+    const auto counts = QRegularExpression("data_files=(\\d+) data_bytes=(\\d+)").match(made.out);
     QVERIFY(counts.hasMatch());
     QList<QFileInfo> list, expected;
     QCOMPARE(SizeThread::dirSize(tree, list), counts.captured(2).toULongLong());
@@ -199,7 +158,7 @@ void tst_SizeThread::sampleDatabase()
 void tst_SizeThread::deepestPath()
 {
     QTemporaryDir dir;
-    auto cleanup = qScopeGuard([&] { runProcess(QStringLiteral("rm"), {QStringLiteral("-rf"), dir.path()}); });
+    auto cleanup = qScopeGuard([&] { runProcess({"rm", "-rf", dir.path()}); });
     const QByteArray top = QFile::encodeName(dir.path());
     const long pathMax = ::pathconf(top.constData(), _PC_PATH_MAX);   // counts the terminating null
     const int fileLength = 10;                                          // "/x.qventry"
@@ -235,8 +194,11 @@ void tst_SizeThread::scansAppendWholeBlocks()
     QTemporaryDir dir;
     QList<QStringList> walked;
     for (int i = 0; i < 4; ++i) {
+        QStringList entries;
+        for (int file = 0; file < 40 + 20 * i; ++file)
+            entries << QStringLiteral("f|d%1/e%2.qventry|1").arg(file % 7).arg(file);
+        QVERIFY(buildTree(dir.filePath(QStringLiteral("t%1").arg(i)), entries));
         QList<QFileInfo> list;
-        QVERIFY(buildWideTree(dir.filePath(QStringLiteral("t%1").arg(i)), 20 + 10 * i, 50));
         SizeThread::dirSize(dir.filePath(QStringLiteral("t%1").arg(i)), list);
         walked << paths(list);
     }
@@ -275,12 +237,12 @@ void tst_SizeThread::interruptedScans_data()
     QTest::addColumn<bool>("settled");     // what waitForScans then returns
     QTest::addColumn<int>("results");      // results delivered by then; -1: not told
     QTest::newRow("no scan") << QString() << true << 0;
-    QTest::newRow("runs to its end") << QStringLiteral("finish") << true << 1;
-    QTest::newRow("its tree removed meanwhile") << QStringLiteral("remove") << true << 1;
-    QTest::newRow("deleted while walking") << QStringLiteral("delete") << true << 0;
-    QTest::newRow("cancelled, then deleted") << QStringLiteral("cancel") << true << 0;
-    QTest::newRow("deleted during the wait") << QStringLiteral("delete in wait") << true << -1;
-    QTest::newRow("application quits during the wait") << QStringLiteral("quit") << false << -1;
+    QTest::newRow("runs to its end") << "finish" << true << 1;
+    QTest::newRow("its tree removed meanwhile") << "remove" << true << 1;
+    QTest::newRow("deleted while walking") << "delete" << true << 0;
+    QTest::newRow("cancelled, then deleted") << "cancel" << true << 0;
+    QTest::newRow("deleted during the wait") << "delete in wait" << true << -1;
+    QTest::newRow("application quits during the wait") << "quit" << false << -1;
 }
 
 // A scan is held at the gate, among its folders, while something befalls it.
@@ -306,20 +268,20 @@ void tst_SizeThread::interruptedScans()
         scan->start();
         QVERIFY(ScanGate::waitUntilHeld());
     }
-    if (action == QLatin1String("remove"))
+    if (action == "remove")
         QVERIFY(dir.remove());
-    if (action == QLatin1String("cancel")) {
+    if (action == "cancel") {
         scan->cancel();
         QVERIFY(SizeThread::waitForScans());
     }
-    if (action == QLatin1String("delete") || action == QLatin1String("cancel"))
+    if (action == "delete" || action == "cancel")
         delete scan;
     QTimer ticker;
     connect(&ticker, &QTimer::timeout, [&] {
         ticker.stop();
-        if (action == QLatin1String("delete in wait"))
+        if (action == "delete in wait")
             delete scan;
-        else if (action == QLatin1String("quit"))
+        else if (action == "quit")
             QCoreApplication::quit();
         else
             ScanGate::release();
@@ -333,7 +295,7 @@ void tst_SizeThread::interruptedScans()
     if (results == 0)
         QCOMPARE(sResultList.size(), before);
     if (results == 1)
-        QCOMPARE(log.totals, QList<quint64>{action == QLatin1String("remove") ? 0u : 7u});
+        QCOMPARE(log.totals, QList<quint64>{action == "remove" ? 0u : 7u});
     delete scan;
     QVERIFY(!SizeThread::scansPending());
     QCOMPARE(ScanGate::foldersAfterCancel(), 0);

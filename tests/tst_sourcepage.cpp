@@ -13,10 +13,10 @@
 #include <QPushButton>
 #include <QtTest>
 
-// The page's cases run in a copy of this program placed in a bundle laid out in
+// The page's rows run in a copy of this program placed in a bundle laid out in
 // a temporary folder, in a mount namespace with an empty /media: there the
 // candidates beside the bundle and on the removable disk are exactly what the
-// case makes them. The copy runs one function of SourcePageScenarios.
+// row makes them.
 
 namespace {
 
@@ -46,173 +46,32 @@ PageView view(QWizard &wizard)
     return {page, page->findChild<QLabel *>(), page->findChild<QPushButton *>(), wizard.button(QWizard::NextButton)};
 }
 
+// In the parent: lays out VELDV400 beside the bundle with files "name:size" and runs the row there.
+void runBesideSource(const QStringList &beside)
+{
+    QTemporaryDir layout(scratchTemplate("tst_sourcepage"));
+    for (const QString &file : beside)
+        QVERIFY(makeFile(layout.filePath("VELDV400/" + file.section(':', 0, 0)), file.section(':', 1).toLongLong()));
+    runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_sourcepage"),
+                   {inPrivateMounts("mount -t tmpfs tmpfs /media")}});
+}
+
 } // namespace
-
-class SourcePageScenarios : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
-    void fixedSource();
-    void chooseFolder_data();
-    void chooseFolder();
-    void closeWhileScanning_data();
-    void closeWhileScanning();
-};
-
-// VELD_REMOVABLE_BYTES asks for a data file of that size on the removable
-// disk; VELD_EXPECT_BYTES is the total the page must show, or "none".
-void SourcePageScenarios::fixedSource()
-{
-    const QByteArray removableBytes = qgetenv("VELD_REMOVABLE_BYTES");
-    if (!removableBytes.isEmpty())
-        QVERIFY(makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removableBytes.toLongLong()));
-    const bool found = qgetenv("VELD_EXPECT_BYTES") != "none";
-    const quint64 total = qgetenv("VELD_EXPECT_BYTES").toULongLong();
-
-    VELD_Installer wizard;
-    const PageView source = view(wizard);
-    // Before any event is processed, so before any scan can have reported: a
-    // found source makes the page complete at once.
-    QCOMPARE(source.page->dbSize, quint64(0));
-    QCOMPARE(source.find->isHidden(), found);
-    QCOMPARE(source.label->text(), found ? QString() : kNotFound);
-    QCOMPARE(source.page->isComplete(), found);
-    QCOMPARE(SizeThread::scansPending(), found);
-    goToSourcePage(wizard);
-    QCOMPARE(wizard.currentId(), kSourcePageId);
-    QVERIFY(SizeThread::waitForScans());
-    // Leaving and coming back changes nothing.
-    for (int visit = 0; visit < 2; ++visit) {
-        QCOMPARE(source.label->text(), found ? kFixedMessage.arg(sizeFigure(total)) : kNotFound);
-        QCOMPARE(source.page->dbSize, total);
-        QCOMPARE(source.find->isVisible(), !found);
-        QCOMPARE(source.next->isEnabled(), found);
-        if (!found)
-            return;
-        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
-        wizard.next();
-        wizard.back();
-    }
-}
-
-void SourcePageScenarios::chooseFolder_data()
-{
-    QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
-    QTest::newRow("MyData without data files") << QStringList{"Empty/MyData"};
-    QTest::newRow("dialog cancelled") << QStringList{""};
-    QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
-    QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
-}
-
-void SourcePageScenarios::chooseFolder()
-{
-    QFETCH(QStringList, choices);
-    QTemporaryDir home(scratchTemplate(QStringLiteral("home")));
-    QVERIFY(makeFile(home.path() + "/Data/MyData/x.qventry", 4000000000));
-    QVERIFY(makeFile(home.path() + "/Data/MyData/deeper/y.qvindex", 1000000000));
-    QVERIFY(makeFile(home.path() + "/Data/MyData/notes.txt", 7));
-    QVERIFY(makeFile(home.path() + "/Empty/MyData/readme.txt", 100));
-    QVERIFY(makeFile(home.path() + "/Big/a/z.qventry", 1000) && makeFile(home.path() + "/Big/b/z.qventry", 1000));
-    qputenv("HOME", QFile::encodeName(home.path()));
-    const int listedBefore = sResultList.size();
-    // "Big" is still measured when the next choice comes; every other choice is measured before the next.
-    const bool held = choices.first() == "Big";
-    if (held)
-        ScanGate::close();
-
-    VELD_Installer wizard;
-    const PageView source = view(wizard);
-    goToSourcePage(wizard);
-    QVERIFY(!source.next->isEnabled());
-    DialogAnswer answer;
-    for (const QString &choice : choices) {
-        answer.arm(choice.isEmpty() ? QString() : home.path() + QLatin1Char('/') + choice);
-        QTest::mouseClick(source.find, Qt::LeftButton);
-        QVERIFY(answer.answered);
-        QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
-        QCOMPARE(answer.startFolder, home.path());
-        QVERIFY(answer.dirsOnly);
-        QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
-        if (!held)
-            QVERIFY(SizeThread::waitForScans());
-        else if (choice == choices.first())
-            QVERIFY(ScanGate::waitUntilHeld());
-    }
-    ScanGate::release();
-    QVERIFY(SizeThread::waitForScans());
-    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-
-    const QString last = choices.last();
-    if (last.isEmpty() || last.startsWith(QLatin1String("Empty"))) {
-        QCOMPARE(source.label->text(), last.isEmpty() ? QStringLiteral("Scanning...") : kNoDataFiles.arg("MyData"));
-        QVERIFY(source.find->isVisible());
-        QVERIFY(!source.next->isEnabled());
-        QCOMPARE(source.page->dbSize, quint64(0));
-        return;
-    }
-    // The page shows the last choice, and the list holds that folder's files and
-    // no one else's.
-    QList<QFileInfo> expected;
-    SizeThread::dirSize(home.path() + QLatin1Char('/') + last, expected);
-    quint64 total = 0;
-    for (const QFileInfo &file : expected)
-        total += quint64(file.size());
-    QCOMPARE(sResultList.size() - listedBefore, expected.size());
-    for (int i = 0; i < expected.size(); ++i)
-        QCOMPARE(sResultList.at(listedBefore + i).filePath(), expected.at(i).filePath());
-    QCOMPARE(source.label->text(), kChosenMessage.arg(QFileInfo(last).fileName(), sizeFigure(total)));
-    QCOMPARE(source.page->dbSize, total);
-    QVERIFY(source.find->isHidden());
-    QVERIFY(!source.find->isDefault());
-    QVERIFY(source.next->isEnabled());
-    QCOMPARE(source.next->text(), QStringLiteral("Continue"));
-}
-
-void SourcePageScenarios::closeWhileScanning_data()
-{
-    QTest::addColumn<bool>("viaCancelButton");
-    QTest::newRow("Cancel") << true;
-    QTest::newRow("window closed") << false;
-}
-
-// The wizard is left while the scan is held among its folders: the event
-// loop ends with 0, and the wizard goes away without the walk going further.
-void SourcePageScenarios::closeWhileScanning()
-{
-    QFETCH(bool, viaCancelButton);
-    bool scanning = false;
-    int status = -1;
-    ScanGate::close();
-    {
-        VELD_Installer wizard;
-        wizard.show();
-        QVERIFY(ScanGate::waitUntilHeld());
-        QTimer::singleShot(0, &wizard, [&] {
-            scanning = SizeThread::scansPending();
-            if (viaCancelButton)
-                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-            else
-                wizard.close();
-        });
-        status = QApplication::exec();
-    }
-    QCOMPARE(status, 0);
-    QVERIFY(scanning);
-    QVERIFY(!SizeThread::scansPending());
-    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-}
 
 class tst_SourcePage : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
     void sizeFigure_data();
     void sizeFigure();
-    void scenario_data();
-    void scenario();
+    void fixedSource_data();
+    void fixedSource();
+    void chooseFolder_data();
+    void chooseFolder();
+    void closeWhileScanning_data();
+    void closeWhileScanning();
 };
 
 void tst_SourcePage::sizeFigure_data()
@@ -238,42 +97,157 @@ void tst_SourcePage::sizeFigure()
     QLocale::setDefault(QLocale::c());
 }
 
-void tst_SourcePage::scenario_data()
+void tst_SourcePage::fixedSource_data()
 {
-    QTest::addColumn<QString>("scenario");
     QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
-    QTest::addColumn<QString>("removable");   // size of a data file on the removable disk, or empty
-    QTest::addColumn<QString>("expected");    // the total the page shows for the source it finds, or "none"
-    const QString fixed = QStringLiteral("fixedSource");
-    QTest::newRow("beside the bundle") << fixed << QStringList{"a.qventry:1500000000", "s/b.qvkentry:4000000", "c.txt:9"}
-                                       << QString() << "1504000000";
-    QTest::newRow("only on the removable disk") << fixed << QStringList{} << "2222222222" << "2222222222";
-    QTest::newRow("beside the bundle comes first") << fixed << QStringList{"a.qventry:10"} << "2222222222" << "10";
-    QTest::newRow("found but without data files") << fixed << QStringList{"c.txt:9"} << QString() << "0";
-    QTest::newRow("neither") << fixed << QStringList{} << QString() << "none";
-    QTest::newRow("folders chosen") << "chooseFolder" << QStringList{} << QString() << "none";
-    QTest::newRow("closed while scanning") << "closeWhileScanning" << QStringList{"s/b.qventry:1", "t/c.qventry:1"}
-                                           << QString() << QString();
+    QTest::addColumn<qint64>("removable");     // size of a data file on the removable disk, or -1
+    QTest::addColumn<qint64>("shown");         // the total the page shows for the source it finds, or -1
+    QTest::newRow("beside the bundle") << QStringList{"a.qventry:1500000000", "s/b.qvkentry:4000000", "c.txt:9"}
+                                       << qint64(-1) << qint64(1504000000);
+    QTest::newRow("only on the removable disk") << QStringList{} << qint64(2222222222) << qint64(2222222222);
+    QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << qint64(2222222222) << qint64(10);
+    QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << qint64(-1) << qint64(0);
+    QTest::newRow("neither") << QStringList{} << qint64(-1) << qint64(-1);
 }
 
-void tst_SourcePage::scenario()
+void tst_SourcePage::fixedSource()
 {
-    QFETCH(QString, scenario);
     QFETCH(QStringList, beside);
-    QFETCH(QString, removable);
-    QFETCH(QString, expected);
-    QTemporaryDir layout(scratchTemplate(QStringLiteral("tst_sourcepage")));
-    const QString source = layout.path() + QStringLiteral("/VELDV400/");
-    for (const QString &file : beside) {
-        const QStringList part = file.split(QLatin1Char(':'));
-        QVERIFY(makeFile(source + part.at(0), part.at(1).toLongLong()));
+    QFETCH(qint64, removable);
+    QFETCH(qint64, shown);
+    if (!inChild())
+        return runBesideSource(beside);
+    QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
+    const bool found = shown >= 0;
+    VELD_Installer wizard;
+    const PageView source = view(wizard);
+    // Before any event is processed, so before any scan can have reported: a
+    // found source makes the page complete at once.
+    QCOMPARE(source.page->dbSize, quint64(0));
+    QCOMPARE(source.find->isHidden(), found);
+    QCOMPARE(source.label->text(), found ? QString() : kNotFound);
+    QCOMPARE(source.page->isComplete(), found);
+    QCOMPARE(SizeThread::scansPending(), found);
+    goToSourcePage(wizard);
+    QCOMPARE(wizard.currentId(), kSourcePageId);
+    QVERIFY(SizeThread::waitForScans());
+    // Leaving and coming back changes nothing.
+    for (int visit = 0; visit < 2; ++visit) {
+        QCOMPARE(source.label->text(), found ? kFixedMessage.arg(::sizeFigure(quint64(shown))) : kNotFound);
+        QCOMPARE(source.page->dbSize, quint64(qMax(shown, qint64(0))));
+        QCOMPARE(source.find->isVisible(), !found);
+        QCOMPARE(source.next->isEnabled(), found);
+        if (!found)
+            return;
+        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+        wizard.next();
+        wizard.back();
     }
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("VELD_REMOVABLE_BYTES"), removable);
-    env.insert(QStringLiteral("VELD_EXPECT_BYTES"), expected);
-    runScenario(layout.path(), scenario, env, withEmptyMedia);
 }
 
-VELD_SCENARIO_MAIN(SourcePageScenarios, tst_SourcePage)
+void tst_SourcePage::chooseFolder_data()
+{
+    QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
+    QTest::newRow("MyData without data files") << QStringList{"Empty/MyData"};
+    QTest::newRow("dialog cancelled") << QStringList{""};
+    QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
+    QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
+}
 
+void tst_SourcePage::chooseFolder()
+{
+    QFETCH(QStringList, choices);
+    if (!inChild())
+        return runBesideSource({});
+    QTemporaryDir home(scratchTemplate("home"));
+    QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
+                                    "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
+                                    "f|Big/b/z.qventry|1"}));
+    qputenv("HOME", QFile::encodeName(home.path()));
+    // "Big" is still measured when the next choice comes; every other choice is measured before the next.
+    const bool held = choices.first() == "Big";
+    if (held)
+        ScanGate::close();
+
+    VELD_Installer wizard;
+    const PageView source = view(wizard);
+    goToSourcePage(wizard);
+    QVERIFY(!source.next->isEnabled());
+    DialogAnswer answer;
+    for (const QString &choice : choices) {
+        answer.arm(choice.isEmpty() ? QString() : home.filePath(choice));
+        QTest::mouseClick(source.find, Qt::LeftButton);
+        QVERIFY(answer.answered);
+        QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
+        QCOMPARE(answer.startFolder, home.path());
+        QVERIFY(answer.dirsOnly);
+        QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
+        if (!held)
+            QVERIFY(SizeThread::waitForScans());
+        else if (choice == choices.first())
+            QVERIFY(ScanGate::waitUntilHeld());
+    }
+    ScanGate::release();
+    QVERIFY(SizeThread::waitForScans());
+    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+
+    const QString last = choices.last();
+    if (last.isEmpty() || last.startsWith("Empty")) {
+        QCOMPARE(source.label->text(), last.isEmpty() ? QStringLiteral("Scanning...") : kNoDataFiles.arg("MyData"));
+        QVERIFY(source.find->isVisible());
+        QVERIFY(!source.next->isEnabled());
+        QCOMPARE(source.page->dbSize, quint64(0));
+        return;
+    }
+    // The page shows the last choice, and the list holds that folder's files and no one else's.
+    QList<QFileInfo> expected;
+    const quint64 total = SizeThread::dirSize(home.filePath(last), expected);
+    QCOMPARE(sResultList.size(), expected.size());
+    for (int i = 0; i < expected.size(); ++i)
+        QCOMPARE(sResultList.at(i).filePath(), expected.at(i).filePath());
+    QCOMPARE(source.label->text(), kChosenMessage.arg("MyData", ::sizeFigure(total)));
+    QCOMPARE(source.page->dbSize, total);
+    QVERIFY(source.find->isHidden());
+    QVERIFY(!source.find->isDefault());
+    QVERIFY(source.next->isEnabled());
+    QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+}
+
+void tst_SourcePage::closeWhileScanning_data()
+{
+    QTest::addColumn<bool>("viaCancelButton");
+    QTest::newRow("Cancel") << true;
+    QTest::newRow("window closed") << false;
+}
+
+// The wizard is left while the scan is held among its folders: the event
+// loop ends with 0, and the wizard goes away without the walk going further.
+void tst_SourcePage::closeWhileScanning()
+{
+    QFETCH(bool, viaCancelButton);
+    if (!inChild())
+        return runBesideSource({"s/b.qventry:1", "t/c.qventry:1"});
+    bool scanning = false;
+    int status = -1;
+    ScanGate::close();
+    {
+        VELD_Installer wizard;
+        wizard.show();
+        QVERIFY(ScanGate::waitUntilHeld());
+        QTimer::singleShot(0, &wizard, [&] {
+            scanning = SizeThread::scansPending();
+            if (viaCancelButton)
+                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+            else
+                wizard.close();
+        });
+        status = QApplication::exec();
+    }
+    QCOMPARE(status, 0);
+    QVERIFY(scanning);
+    QVERIFY(!SizeThread::scansPending());
+    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+}
+
+QTEST_MAIN(tst_SourcePage)
 #include "tst_sourcepage.moc"

@@ -19,12 +19,23 @@
 
 const QString kWelcome = QStringLiteral("Welcome to the Quorvan Spectra and Properties Database Installer");
 
+// In the parent: runs the row in a copy of this program in a bundle beside a small
+// source, with the agreement file in the bundle unless told otherwise.
+void runInBundle(bool agreement = true)
+{
+    QTemporaryDir layout;
+    QVERIFY(writeFile(layout.filePath("VELDV400/sample.qventry"), "VELDV400 test data\n"));
+    QVERIFY(!agreement || writeFile(layout.filePath("Wizard Test.app/Contents/Resources/LicenseAgreement.html"),
+                                    fileBytes(QFileInfo(VELD_INSTALLER).path() + "/../Resources/LicenseAgreement.html")));
+    runRowInChild({layout.filePath("Wizard Test.app/Contents/MacOS/tst_wizard")});
+}
+
 class tst_Wizard : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase() { m_prefs.applyToThisProcess(); }
+    void initTestCase() { m_prefs.apply(); }
     // No window may outlive the test that made it.
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
 
@@ -46,6 +57,8 @@ private:
 // installation, and back again to the agreement, which stays accepted.
 void tst_Wizard::frameAndPageOrder()
 {
+    if (!inChild())
+        return runInBundle();
     gAdminGid = 12345;
     VELD_Installer wizard;
     QCOMPARE(gAdminGid, getGroupId(adminGroupName()));
@@ -117,6 +130,8 @@ void tst_Wizard::endsWithStatusZero_data()
 void tst_Wizard::endsWithStatusZero()
 {
     QFETCH(QString, how);
+    if (!inChild())
+        return runInBundle();
     VELD_Installer wizard;
     install_wizard = &wizard;
     auto forget = qScopeGuard([] { install_wizard = nullptr; });
@@ -146,21 +161,24 @@ void tst_Wizard::endsWithStatusZero()
 
 void tst_Wizard::agreement_data()
 {
+    QTest::addColumn<bool>("present");   // the agreement file in the bundle
     QTest::addColumn<int>("clicks");
-    QTest::newRow("untouched") << 0;
-    QTest::newRow("ticked") << 1;
-    QTest::newRow("ticked, unticked") << 2;
+    QTest::newRow("untouched") << true << 0;
+    QTest::newRow("ticked") << true << 1;
+    QTest::newRow("ticked, unticked") << true << 2;
+    QTest::newRow("no agreement file, ticked") << false << 1;
 }
 
-// Runs in a bundle with the agreement file and, again, in one without it.
 void tst_Wizard::agreement()
 {
+    QFETCH(bool, present);
     QFETCH(int, clicks);
-    const QString file = QString::fromStdString(GetInstallPath()) + QStringLiteral("/Contents/Resources/LicenseAgreement.html");
-    const bool present = !qEnvironmentVariableIsSet("VELD_TEST_BARE_BUNDLE");
+    if (!inChild())
+        return runInBundle(present);
+    const QString file = QString::fromStdString(GetInstallPath()) + "/Contents/Resources/LicenseAgreement.html";
     QCOMPARE(QFile::exists(file), present);
     if (!present)
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("No document for")));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No document for"));
 
     VELD_Installer wizard;
     wizard.show();
@@ -168,13 +186,12 @@ void tst_Wizard::agreement()
     const auto *browser = page->findChild<QTextBrowser *>();
     QCOMPARE(browser->source().scheme(), QString());
     QCOMPARE(browser->source().path(), file);
-    QCOMPARE(browser->toPlainText().contains(QLatin1String("End-User License Agreement")), present);
+    QCOMPARE(browser->toPlainText().contains("End-User License Agreement"), present);
     QCOMPARE(browser->toPlainText().isEmpty(), !present);
     QCOMPARE(page->findChild<QLabel *>()->text(),
              QStringLiteral("If you accept the terms of the agreement, click the check box below.  You must accept "
                             "the agreement to install the Quorvan Spectra and Properties Database."));
     QCOMPARE(page->findChild<QCheckBox *>()->text(), QStringLiteral("I accept the terms in the License Agreement"));
-
     for (int i = 0; i < clicks; ++i)
         clickAcceptBox(wizard);
     const bool accepted = clicks % 2 == 1;
@@ -197,24 +214,18 @@ void tst_Wizard::realInstallerStarts()
 {
     QFETCH(QByteArray, groups);
     ScratchPreferences prefs;
-    const QString log = prefs.path() + QStringLiteral("/run.log");
-    prefs.writeDomainFile(prefs.userFolder(), QStringLiteral("com.halvorn.Quorvan"),
-                          {QStringLiteral("VELDInstaller_LogLocation=") + log});
+    const QString log = prefs.path() + "/run.log";
+    prefs.write(prefs.userFolder(), "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
     QProcessEnvironment env = prefs.environment();
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-
+    env.insert("QT_QPA_PLATFORM", "offscreen");
     QProcess installer;
     installer.setProcessEnvironment(env);
     installer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    if (groups.isEmpty()) {
-        installer.start(QStringLiteral(VELD_INSTALLER), QStringList());
-    } else {
-        // A private mount namespace whose /etc/group lacks every administrators' group.
-        QFile file(prefs.path() + QStringLiteral("/group"));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(groups) == groups.size() && file.flush());
-        const QStringList command = withGroupDatabase(file.fileName(), QStringLiteral(VELD_INSTALLER));
-        installer.start(command.first(), command.mid(1));
-    }
+    // Else in a private mount namespace whose /etc/group lacks every administrators' group.
+    QVERIFY(groups.isEmpty() || writeFile(prefs.path() + "/group", groups));
+    const QStringList command = groups.isEmpty() ? QStringList{VELD_INSTALLER}
+        : wrapped({VELD_INSTALLER}, {inPrivateMounts("mount --bind \"$1\" /etc/group", {prefs.path() + "/group"})});
+    installer.start(command.first(), command.mid(1));
     auto stop = qScopeGuard([&] {
         installer.kill();
         installer.waitForFinished(5000);

@@ -2,7 +2,6 @@
 
 #include "pages/pageids.h"
 #include "workers/sizethread.h"
-#include "testsupport.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -16,7 +15,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 
 namespace {
@@ -119,17 +117,21 @@ void answerMessageBoxes(bool escape)
         for (QAbstractButton *button : box->buttons())
             buttons << (button == chosen ? QStringLiteral("*") : QString()) + button->text().remove('&');
         const QSize icon = box->iconPixmap().size();
-        QString shown = QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
-                                    QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
-                            .join('|');
-        printf("dialog=%s\n", shown.replace('\n', QLatin1String("\\n")).toUtf8().constData());
-        fflush(stdout);
+        answeredMessageBoxes() << QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
+                                              QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
+                                      .join('|');
         if (escape)
             QTest::keyClick(box, Qt::Key_Escape);
         else
             QTest::mouseClick(chosen ? chosen : box->buttons().value(0), Qt::LeftButton);
     });
     timer->start(20);
+}
+
+QStringList &answeredMessageBoxes()
+{
+    static QStringList all;
+    return all;
 }
 
 void DialogAnswer::arm(const QString &folder)
@@ -154,33 +156,4 @@ void DialogAnswer::arm(const QString &folder)
         poll->deleteLater();
     });
     poll->start(10);
-}
-
-void runScenario(const QString &layout, const QString &scenario, const QProcessEnvironment &env,
-                 const CommandWrapper &wrap, QString *output)
-{
-    const QString program = layout + QStringLiteral("/Test Installer.app/Contents/MacOS/")
-                            + QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-    QVERIFY(copyFileTo(QCoreApplication::applicationFilePath(), program));
-    QVERIFY(QFile::setPermissions(program, QFile::permissions(program) | QFile::ExeOwner));
-    const QStringList command = wrap(program, {QStringLiteral("--scenario"), scenario});
-    QProcess child;
-    child.setProcessEnvironment(env);
-    child.setProcessChannelMode(QProcess::MergedChannels);
-    child.start(command.first(), command.mid(1));
-    QVERIFY(child.waitForFinished(240000));
-    const QString printed = QString::fromLocal8Bit(child.readAll());
-    if (output)
-        *output = printed;
-    // The toolkit's warnings would crowd the failures out of the message.
-    QStringList report = printed.split(QLatin1Char('\n'));
-    report.erase(std::remove_if(report.begin(), report.end(),
-                                [](const QString &line) { return line.startsWith(QLatin1String("QWARN")); }),
-                 report.end());
-    const QByteArray message = report.join(QLatin1Char('\n')).toLocal8Bit();
-    // The test library cuts long failure messages; a sanitizer's report is kept whole here.
-    if (child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0)
-        fprintf(stderr, "%s\n", message.constData());
-    QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, message.constData());
-    QVERIFY2(printed.contains(QStringLiteral("0 failed, 0 skipped")), message.constData());
 }
