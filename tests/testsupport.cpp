@@ -1,8 +1,6 @@
 #include "testsupport.h"
 
-#include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
@@ -16,12 +14,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-namespace {
-
-const char kChildMark[] = "VELD_TEST_CHILD";
-
-} // namespace
 
 ProcessResult runProcess(const QStringList &command, const QProcessEnvironment &env)
 {
@@ -51,19 +43,17 @@ Wrap asUser(const QString &user)
 Wrap asOrdinaryUser()
 {
     return [](const QStringList &command) {
-        if (::geteuid() != 0)
-            return command;
-        return QStringList{"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"} + command;
+        return ::geteuid() != 0 ? command : QStringList{"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"} + command;
     };
 }
 
 Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs)
 {
     return [setup, setupArgs](const QStringList &command) {
-        QStringList line{QStandardPaths::findExecutable("unshare")};
+        QStringList line{QStandardPaths::findExecutable("unshare"), "--mount"};
         if (::geteuid() != 0)
             line << "--map-root-user";
-        return line + QStringList{"--mount", "sh", "-c", setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()), "sh"}
+        return line + QStringList{"sh", "-c", setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()), "sh"}
                + setupArgs + command;
     };
 }
@@ -77,25 +67,21 @@ QStringList wrapped(QStringList command, const QList<Wrap> &wraps)
 
 bool inChild()
 {
-    return qEnvironmentVariableIsSet(kChildMark);
+    return qEnvironmentVariableIsSet("VELD_TEST_CHILD");
 }
 
-QString runRowInChild(const ChildRow &row)
+void runRowInChild(const ChildRow &row)
 {
     QString program = QCoreApplication::applicationFilePath();
     if (!row.copyTo.isEmpty()) {
-        QDir().mkpath(QFileInfo(row.copyTo).absolutePath());
-        QFile::remove(row.copyTo);
-        if (!QFile::copy(program, row.copyTo) || !QFile::setPermissions(row.copyTo, QFileDevice::Permissions(0x7755))) {
-            QTest::qFail("cannot copy the test program", __FILE__, __LINE__);
-            return QString();
-        }
+        if (!writeFile(row.copyTo, fileBytes(program), 0755))
+            return QTest::qFail("cannot copy the test program", __FILE__, __LINE__);
         program = row.copyTo;
     }
     const QString function = QString::fromLatin1(QTest::currentTestFunction());
     const QString tag = QString::fromUtf8(QTest::currentDataTag());
     QProcessEnvironment env = row.env;
-    env.insert(kChildMark, "1");
+    env.insert("VELD_TEST_CHILD", "1");
     QProcess child;
     child.setProcessEnvironment(env);
     child.setProcessChannelMode(QProcess::MergedChannels);
@@ -103,25 +89,12 @@ QString runRowInChild(const ChildRow &row)
     child.start(command.first(), command.mid(1));
     const bool ended = child.waitForFinished(240000);
     const QString printed = QString::fromLocal8Bit(child.readAll());
-    const bool passed = ended && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0
-                        && printed.contains(QStringLiteral("PASS   : %1::%2(%3)")
-                                                .arg(QString::fromLatin1(QTest::testObject()->metaObject()->className()),
-                                                     function, tag));
-    if (!passed) {
+    const QString passed = QStringLiteral("PASS   : %1::%2(%3)").arg(QTest::testObject()->metaObject()->className(), function, tag);
+    if (!ended || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0 || !printed.contains(passed)) {
         // The test library cuts long messages; the child's whole report (a sanitizer's, say) goes to standard error.
         fprintf(stderr, "%s\n", printed.toLocal8Bit().constData());
         QTest::qFail(qPrintable("the row failed in its child process: " + command.join(' ')), __FILE__, __LINE__);
     }
-    return printed;
-}
-
-QString placeProbe(const QString &path)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile::remove(path);
-    return QFile::copy(VELD_SUPPORTPROBE, path) && QFile::setPermissions(path, QFileDevice::Permissions(0x7755))
-               ? path
-               : QString();
 }
 
 QByteArray fileBytes(const QString &path)
@@ -168,10 +141,8 @@ bool buildTree(const QString &root, const QStringList &entries)
                 : kind == 'l' ? ::symlink(QFile::encodeName(part.value(2)).constData(), native.constData()) == 0
                 : kind == 'm' ? ::chmod(native.constData(), mode_t(part.value(2).toUInt(nullptr, 8))) == 0
                               : ::mknod(native.constData(), (kind == 'p' ? S_IFIFO : S_IFSOCK) | 0644, 0) == 0);
-        if (!ok) {
-            qWarning("could not build %s", qPrintable(line));
+        if (!ok)
             return false;
-        }
     }
     return true;
 }
@@ -191,8 +162,7 @@ QString ownership(const QString &path)
 
 QString scratchTemplate(const QString &name)
 {
-    const QString base = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QDir::tempPath();
-    return base + QLatin1Char('/') + name + QStringLiteral("-XXXXXX");
+    return (QFileInfo("/dev/shm").isWritable() ? QStringLiteral("/dev/shm/") : QDir::tempPath() + '/') + name + "-XXXXXX";
 }
 
 QByteArray standardErrorOf(const std::function<void()> &work)
@@ -205,26 +175,21 @@ QByteArray standardErrorOf(const std::function<void()> &work)
     fflush(stderr);
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);
-    QFile file;
-    file.open(capture, QIODevice::ReadOnly);
-    file.seek(0);
-    const QByteArray written = file.readAll();
-    file.close();
+    QByteArray written(int(::lseek(fileno(capture), 0, SEEK_END)), '\0');
+    const bool read = ::pread(fileno(capture), written.data(), size_t(written.size()), 0) == written.size();
     fclose(capture);
-    return written;
+    return read ? written : QByteArray("(standard error could not be read)");
 }
 
 bool matchesGlob(const QString &text, const QString &pattern)
 {
-    const QString expression = QRegularExpression::escape(pattern).replace(QLatin1String("\\*"), QLatin1String(".*"));
+    const QString expression = QRegularExpression::escape(pattern).replace("\\*", ".*");
     return QRegularExpression(QRegularExpression::anchoredPattern(expression), QRegularExpression::DotMatchesEverythingOption)
-        .match(text)
-        .hasMatch();
+        .match(text).hasMatch();
 }
 
-const QString kLogDateStampPattern =
-    QStringLiteral("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
-                   "[ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
+const QString kLogDateStampPattern = QStringLiteral(
+    "(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}");
 
 QStringList logMessages(const QString &path)
 {
@@ -237,54 +202,16 @@ QStringList logMessages(const QString &path)
     return lines;
 }
 
-ScopedEnvironment &ScopedEnvironment::set(const char *name, const QByteArray &value)
-{
-    m_saved.prepend({name, qEnvironmentVariableIsSet(name) ? qgetenv(name) : QByteArray()});
-    value.isNull() ? qunsetenv(name) : qputenv(name, value);
-    return *this;
-}
-
-ScopedEnvironment::~ScopedEnvironment()
-{
-    for (const auto &saved : m_saved)
-        saved.second.isNull() ? qunsetenv(saved.first.constData()) : qputenv(saved.first.constData(), saved.second);
-}
-
-namespace {
-
-// Each process of the machine but this one, with its parent and arguments.
-template <typename Visit>
-void forEachProcess(Visit visit)
-{
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool isPid = false;
-        const pid_t pid = pid_t(entry.toInt(&isPid));
-        if (!isPid || pid == ::getpid())
-            continue;
-        const pid_t parent = pid_t(fileBytes("/proc/" + entry + "/stat").split(' ').value(3).toInt());
-        visit(pid, parent, fileBytes("/proc/" + entry + "/cmdline").split('\0'));
-    }
-}
-
-} // namespace
-
 QList<pid_t> processesMentioning(const QString &text)
 {
     QList<pid_t> found;
-    forEachProcess([&](pid_t pid, pid_t, const QList<QByteArray> &args) {
-        if (std::any_of(args.begin(), args.end(), [&](const QByteArray &arg) { return arg.contains(QFile::encodeName(text)); }))
+    for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
+        const pid_t pid = pid_t(entry.toInt());
+        const QList<QByteArray> args = fileBytes("/proc/" + entry + "/cmdline").split('\0');
+        if (pid > 0 && pid != ::getpid()
+            && std::any_of(args.begin(), args.end(), [&](const QByteArray &arg) { return arg.contains(QFile::encodeName(text)); }))
             found << pid;
-    });
-    return found;
-}
-
-QList<pid_t> childrenRunning(const QString &program)
-{
-    QList<pid_t> found;
-    forEachProcess([&](pid_t pid, pid_t parent, const QList<QByteArray> &args) {
-        if (parent == ::getpid() && args.value(0) == QFile::encodeName(program))
-            found << pid;
-    });
+    }
     return found;
 }
 
@@ -310,68 +237,36 @@ bool privilegedUsersReady()
            && QFileInfo::exists(QStringLiteral("/etc/sudoers.d/veld-authhelper"));
 }
 
-bool CountingLauncher::create(const QString &folder)
+bool createCountingLauncher(const QString &folder)
 {
-    m_folder = folder;
-    return QFile::setPermissions(folder, QFileDevice::Permissions(0x7755))
-           && writeScript(path(), "echo started >> \"${0%/*}/launches\"\nexec sudo -n \"$@\"\n") && reset();
+    return QFile::setPermissions(folder, QFileDevice::Permissions(0x7755)) && writeFile(folder + "/launches", QByteArray(), 0666)
+           && writeScript(folder + "/launch", "echo started >> \"${0%/*}/launches\"\nexec sudo -n \"$@\"\n");
 }
 
-int CountingLauncher::launches() const
+int launches(const QString &folder)
 {
-    QFile counter(m_folder + QStringLiteral("/launches"));
-    return counter.open(QIODevice::ReadOnly) ? counter.readAll().count('\n') : -1;
+    return fileBytes(folder + "/launches").count('\n');
 }
 
-bool CountingLauncher::reset() const
+QProcessEnvironment withLauncher(const QString &helper, const QString &launcher, QProcessEnvironment env)
 {
-    return writeFile(m_folder + QStringLiteral("/launches"), QByteArray(), 0666);
-}
-
-QProcessEnvironment CountingLauncher::environment(const QString &helper, const QString &launcherCommand,
-                                                  const QProcessEnvironment &env) const
-{
-    QProcessEnvironment result = env;
-    result.insert(QStringLiteral("VELD_AUTH_HELPER"), helper);
-    result.insert(QStringLiteral("VELD_AUTH_LAUNCHER"), launcherCommand.isEmpty() ? path() : launcherCommand);
-    return result;
-}
-
-ScratchPreferences::ScratchPreferences()
-{
-    QDir().mkpath(userFolder());
-    QDir().mkpath(systemFolder());
-}
-
-QString ScratchPreferences::userFolder() const
-{
-    return m_dir.filePath(QStringLiteral("home/.config"));
-}
-
-QString ScratchPreferences::systemFolder() const
-{
-    return m_dir.filePath(QStringLiteral("etc/xdg"));
-}
-
-void ScratchPreferences::write(const QString &folder, const QString &domain, const QStringList &lines) const
-{
-    QByteArray text = "[General]\n";
-    for (const QString &line : lines)
-        text += line.toUtf8() + '\n';
-    if (!writeFile(folder + QLatin1Char('/') + domain + QStringLiteral(".conf"), text))
-        qFatal("cannot write the preferences of %s", qPrintable(domain));
-}
-
-QProcessEnvironment ScratchPreferences::environment() const
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), userFolder());
-    env.insert(QStringLiteral("XDG_CONFIG_DIRS"), systemFolder() + QStringLiteral(":/nonexistent/second"));
+    env.insert("VELD_AUTH_HELPER", helper);
+    env.insert("VELD_AUTH_LAUNCHER", launcher);
     return env;
 }
 
-void ScratchPreferences::apply() const
+QProcessEnvironment scratchPreferences(const QString &folder)
 {
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(userFolder()));
-    qputenv("XDG_CONFIG_DIRS", QFile::encodeName(systemFolder()));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_CONFIG_HOME", folder + "/home/.config");
+    env.insert("XDG_CONFIG_DIRS", folder + "/etc/xdg:/nonexistent/second");
+    QDir().mkpath(folder + "/home/.config");
+    QDir().mkpath(folder + "/etc/xdg");
+    return env;
+}
+
+void writePreferences(const QString &folder, const QString &domain, const QStringList &lines)
+{
+    if (!writeFile(folder + '/' + domain + ".conf", "[General]\n" + lines.join('\n').toUtf8() + '\n'))
+        qFatal("cannot write the preferences of %s", qPrintable(domain));
 }

@@ -50,11 +50,11 @@ private slots:
 private:
     ProcessResult probeAs(const QString &user, const QStringList &args, const QString &launcherCommand = QString())
     {
-        return runProcess(asUser(user)(QStringList{kProbe} + args), m_launcher.environment(kHelper, launcherCommand));
+        return runProcess(asUser(user)(QStringList{kProbe} + args),
+                          withLauncher(kHelper, launcherCommand.isEmpty() ? m_dir.filePath("launch") : launcherCommand));
     }
 
     QTemporaryDir m_dir;
-    CountingLauncher m_launcher;
     QString m_scratch;   // root's, readable by everyone, writable by no one else
     QString m_file;      // what a tool prints: more than one piece of output
 };
@@ -62,14 +62,13 @@ private:
 void tst_Authority::initTestCase()
 {
     QVERIFY(QFileInfo(kHelper).isExecutable());
-    QVERIFY(m_launcher.create(m_dir.path()));
     m_file = m_dir.filePath(QStringLiteral("printed.txt"));
     QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
 }
 
 void tst_Authority::init()
 {
-    QVERIFY(m_launcher.reset());
+    QVERIFY(createCountingLauncher(m_dir.path()));
     static int serial = 0;
     m_scratch = m_dir.filePath(QStringLiteral("scratch-%1").arg(++serial));
     QVERIFY(QDir().mkpath(m_scratch));
@@ -190,7 +189,7 @@ void tst_Authority::severalCommands()
                       "run", "/bin/mkdir", "0", "free", "runreleased", "/bin/mkdir", "3", "-m", "0755", m_scratch + "/late"});
     QCOMPARE(result.out, QStringLiteral("free=-60002 ref=null\nrunlog=0\nmacopen=1\n\nauth=1 ref=set\nrun=1\nrun=1\nrun=1\n"
                                         "run=1\nrun=1\nrun=1\nrunlog=0\nrunlog=1\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
-    QCOMPARE(m_launcher.launches(), 1);
+    QCOMPARE(launches(m_dir.path()), 1);
     struct stat info;
     QCOMPARE(::stat(QFile::encodeName(a).constData(), &info), 0);
     QCOMPARE(QStringLiteral("%1 %2:%3").arg(info.st_mode & 07777, 0, 8).arg(info.st_uid).arg(info.st_gid),
@@ -265,7 +264,7 @@ void tst_Authority::refusals()
     QVERIFY(!QFileInfo::exists(QStringLiteral("/pwned")));
     if (!status) {
         QVERIFY2(!made.isEmpty() || result.err.contains(QLatin1String("veld-authhelper: refused: ")), qPrintable(result.err));
-        QCOMPARE(m_launcher.launches(), 1);
+        QCOMPARE(launches(m_dir.path()), 1);
         return;
     }
     // The line of the refused right has no line break of its own.
@@ -291,7 +290,7 @@ void tst_Authority::helperEndsWithClient()
     REQUIRE_PRIVILEGED();
     QFETCH(bool, killed);
     QProcess client;
-    client.setProcessEnvironment(m_launcher.environment(kHelper));
+    client.setProcessEnvironment(withLauncher(kHelper, m_dir.filePath("launch")));
     const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
     client.start(command.first(), command.mid(1));
     const auto waitFor = [&](const char *text) {
@@ -327,13 +326,13 @@ void tst_Authority::directAsRoot()
     const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
     const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
                                              "3", "delete", "/nonexistent/d", "k", "free"},
-                                            m_launcher.environment(helper));
+                                            withLauncher(helper, m_dir.filePath("launch")));
     QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
     QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
     QVERIFY(result.err.endsWith(QLatin1String(" status=-60031\n")));
     QVERIFY(QFileInfo(made).isDir());
     QCOMPARE(QFileInfo(made).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
-    QCOMPARE(m_launcher.launches(), 0);
+    QCOMPARE(launches(m_dir.path()), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Authority)

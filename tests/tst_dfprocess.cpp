@@ -82,8 +82,9 @@ void tst_DfProcess::standIn()
     QTemporaryDir bin;
     // Shell built-ins only: it records its pid and arguments, one a line, in "ran".
     QVERIFY(body.isEmpty() || writeScript(bin.filePath("df"), "printf '%s\\n' $$ \"$@\" > \"${0%/*}/ran\"\n" + body));
-    ScopedEnvironment env;
-    env.set("PATH", QFile::encodeName(bin.path()));
+    const QByteArray path = qgetenv("PATH");
+    const auto restore = qScopeGuard([&] { qputenv("PATH", path); });
+    qputenv("PATH", QFile::encodeName(bin.path()));
     QElapsedTimer timer;
     timer.start();
     CDfProcess df(nullptr);

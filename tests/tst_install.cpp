@@ -50,10 +50,9 @@ class tst_Install : public QObject
     Q_OBJECT
 
     QTemporaryDir m_dir;
-    CountingLauncher m_launcher;
 
 private slots:
-    void initTestCase() { QVERIFY(inChild() || m_launcher.create(m_dir.path())); }
+    void initTestCase() { QVERIFY(inChild() || createCountingLauncher(m_dir.path())); }
     void cleanup() { QVERIFY(allGone(processesMentioning(VELD_AUTHHELPER))); }
     void install_data();
     void install();
@@ -139,8 +138,8 @@ void tst_Install::install()
         const QString parent = destDisk.filePath("parent");
         QVERIFY(QDir().mkpath(parent));
         QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : user + ':' + user, parent}).exitCode, 0);
-        QVERIFY(m_launcher.reset());
-        QProcessEnvironment env = m_launcher.environment(VELD_AUTHHELPER);
+        QVERIFY(createCountingLauncher(m_dir.path()));
+        QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
         env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
         env.insert("XDG_CONFIG_HOME", layout.filePath("home"));
         env.insert("HOME", layout.filePath("home"));

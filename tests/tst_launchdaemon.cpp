@@ -89,11 +89,12 @@ void tst_LaunchDaemon::locations()
     QFETCH(int, scope);
     QFETCH(QByteArray, home);
     QFETCH(QString, location);
-    ScopedEnvironment env;
-    env.set("HOME", home);
+    const QByteArray saved = qgetenv("HOME");
+    home.isNull() ? qunsetenv("HOME") : qputenv("HOME", home);
     gSystemScope = scope;
     const std::string found = getServerPlistLocation();
     gSystemScope = 0;
+    qputenv("HOME", saved);
     QCOMPARE(QString::fromStdString(found), location);
 }
 
@@ -101,14 +102,13 @@ void tst_LaunchDaemon::locations()
 void tst_LaunchDaemon::lockFile()
 {
     QTemporaryDir dir;
-    {
-        ScopedEnvironment env;
-        env.set("HOME", QFile::encodeName(dir.path()));
-        QCOMPARE(verifyServerPlist(), ENOENT);
-        QVERIFY(QDir().mkpath(dir.filePath("Library/LaunchAgents")));
-        QCOMPARE(createLaunchDaemonAgent(getServerPlistLocation().c_str(), false, true), 0);
-        QCOMPARE(verifyServerPlist(), 0);
-    }
+    const QByteArray home = qgetenv("HOME");
+    qputenv("HOME", QFile::encodeName(dir.path()));
+    QCOMPARE(verifyServerPlist(), ENOENT);
+    QVERIFY(QDir().mkpath(dir.filePath("Library/LaunchAgents")));
+    QCOMPARE(createLaunchDaemonAgent(getServerPlistLocation().c_str(), false, true), 0);
+    QCOMPARE(verifyServerPlist(), 0);
+    qputenv("HOME", home);
     QVERIFY(QDir().mkpath(dir.filePath("QuorvanServer")));
     createServerControlLockFile(QFile::encodeName(dir.path()).constData());
     const QString lock = dir.filePath("QuorvanServer/Control.pid");

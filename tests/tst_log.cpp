@@ -112,7 +112,7 @@ void tst_Log::runs()
     QFETCH(QString, first);
     QFETCH(QString, second);
     QTemporaryDir dir;
-    ScratchPreferences prefs;
+    const QProcessEnvironment prefs = scratchPreferences(dir.path());
     // The comma and the blank would split an unquoted preference value.
     const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
     for (int i = 0; i < 2; ++i)
@@ -123,10 +123,11 @@ void tst_Log::runs()
         (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
     for (QString &call : calls)
         call = placed(call);
-    prefs.write(prefs.userFolder(), "com.halvorn.Quorvan", user);
-    prefs.write(prefs.systemFolder(), "com.halvorn.Quorvan", system);
-
-    const ProcessResult run = runProcess(QStringList{placeProbe(dir.filePath("bin/" + executable))} + calls, prefs.environment());
+    writePreferences(dir.path() + "/home/.config", "com.halvorn.Quorvan", user);
+    writePreferences(dir.path() + "/etc/xdg", "com.halvorn.Quorvan", system);
+    const QString probe = dir.filePath("bin/" + executable);
+    QVERIFY(writeFile(probe, fileBytes(VELD_SUPPORTPROBE), 0755));
+    const ProcessResult run = runProcess(QStringList{probe} + calls, prefs);
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.out, out);
     for (int i = 0; i < 2; ++i) {

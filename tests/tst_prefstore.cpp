@@ -46,21 +46,27 @@ private:
     void write(const QString &folder, const QStringList &lines)
     {
         if (!lines.isEmpty())
-            m_prefs->write(folder, kDomain, lines);
+            writePreferences(folder, kDomain, lines);
     }
     QString domainFile(const QString &folder) const { return folder + '/' + kDomain + ".conf"; }
 
     // Fresh for each test; a child row finds its folders through the environment instead.
-    std::unique_ptr<ScratchPreferences> m_prefs;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    QProcessEnvironment m_env;
+    QString m_user, m_system;   // the preference folders per user and system-wide
 };
 
 void tst_PrefStore::init()
 {
     if (inChild())
         return;
-    m_prefs.reset(new ScratchPreferences);
-    m_prefs->apply();
-    QVERIFY(QFile::setPermissions(m_prefs->path(), QFileDevice::Permissions(0x7755)));
+    m_dir.reset(new QTemporaryDir);
+    m_env = scratchPreferences(m_dir->path());
+    m_user = m_dir->path() + "/home/.config";
+    m_system = m_dir->path() + "/etc/xdg";
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_user));
+    qputenv("XDG_CONFIG_DIRS", QFile::encodeName(m_system));
+    QVERIFY(QFile::setPermissions(m_dir->path(), QFileDevice::Permissions(0x7755)));
 }
 
 // Every byte above 0x7F stands for one character, and comes back from it; null reads as empty.
@@ -107,8 +113,8 @@ void tst_PrefStore::readers()
     QFETCH(QByteArray, local);
     QFETCH(QByteArray, global);
     QFETCH(QByteArray, any);
-    write(m_prefs->userFolder(), user);
-    write(m_prefs->systemFolder(), system);
+    write(m_user, user);
+    write(m_system, system);
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
     QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
     QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
@@ -121,11 +127,11 @@ void tst_PrefStore::readers()
 void tst_PrefStore::unreadableFiles()
 {
     if (!inChild()) {
-        write(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
-        QVERIFY(QDir().mkpath(domainFile(m_prefs->userFolder())));
+        write(m_system, {"VELDFullDatabasePath=/s"});
+        QVERIFY(QDir().mkpath(domainFile(m_user)));
         QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
-        QVERIFY(QFile::setPermissions(domainFile(m_prefs->systemFolder()), QFileDevice::Permissions()));
-        runRowInChild({QString(), {asOrdinaryUser()}, m_prefs->environment()});
+        QVERIFY(QFile::setPermissions(domainFile(m_system), QFileDevice::Permissions()));
+        runRowInChild({QString(), {asOrdinaryUser()}, m_env});
         return;
     }
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray());
@@ -148,13 +154,13 @@ void tst_PrefStore::localWrite()
 {
     QFETCH(QByteArray, value);
     QFETCH(QString, text);
-    write(m_prefs->userFolder(), {"Other=kept", "VELDFullDatabasePath=/u"});
-    write(m_prefs->systemFolder(), {"VELDFullDatabasePath=/s"});
+    write(m_user, {"Other=kept", "VELDFullDatabasePath=/u"});
+    write(m_system, {"VELDFullDatabasePath=/s"});
     QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
     QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-    QCOMPARE(QSettings(domainFile(m_prefs->userFolder()), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
-    QCOMPARE(ownership(domainFile(m_prefs->userFolder())).section(' ', 1), "644");
+    QCOMPARE(QSettings(domainFile(m_user), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
+    QCOMPARE(ownership(domainFile(m_user)).section(' ', 1), "644");
 }
 
 void tst_PrefStore::refusedWrites()
@@ -162,7 +168,7 @@ void tst_PrefStore::refusedWrites()
     // Without an authority nothing is run or written.
     QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), "/x", nullptr));
     QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
-    QVERIFY(QDir(m_prefs->systemFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    QVERIFY(QDir(m_system).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
     // A per-user folder that is a file cannot be written.
     qputenv("XDG_CONFIG_HOME", VELD_SUPPORTPROBE);
     QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
@@ -193,14 +199,13 @@ void tst_PrefStore::globalWrite()
     QFETCH(QString, fileName);
     QFETCH(QByteArray, readBack);
     if (!inChild()) {
-        CountingLauncher launcher;
         QTemporaryDir dir;
-        QVERIFY(launcher.create(dir.path()));
+        QVERIFY(createCountingLauncher(dir.path()));
         for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
-            QVERIFY(QFile::setPermissions(m_prefs->path() + folder, QFileDevice::Permissions(0x7755)));
-        runRowInChild({QString(), {asUser("veldadmin")}, launcher.environment(VELD_AUTHHELPER, QString(), m_prefs->environment())});
-        QCOMPARE(launcher.launches(), 1);
-        const QString written = m_prefs->systemFolder() + '/' + fileName;
+            QVERIFY(QFile::setPermissions(m_dir->path() + folder, QFileDevice::Permissions(0x7755)));
+        runRowInChild({QString(), {asUser("veldadmin")}, withLauncher(VELD_AUTHHELPER, dir.filePath("launch"), m_env)});
+        QCOMPARE(launches(dir.path()), 1);
+        const QString written = m_system + '/' + fileName;
         QCOMPARE(ownership(written), "root:root 644");
         QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
         return;
@@ -255,7 +260,7 @@ void tst_PrefStore::defaultsTool()
     QFETCH(int, exitCode);
     QFETCH(QString, message);
     QFETCH(QString, keys);
-    const QString folder = m_prefs->systemFolder();
+    const QString folder = m_system;
     const QString file = folder + QStringLiteral("/d.conf");
     QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", folder).exitCode, 0);
     const QByteArray before = fileBytes(file);
@@ -279,7 +284,7 @@ void tst_PrefStore::defaultsTool()
 // that opened the file before reads the whole old one, a later reader the whole new one.
 void tst_PrefStore::readersNeverSeeHalfAFile()
 {
-    const QString folder = m_prefs->systemFolder();
+    const QString folder = m_system;
     const QString file = folder + QStringLiteral("/d.conf");
     const QByteArray big(60000, 'v');
     QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode, 0);

@@ -35,7 +35,12 @@ class tst_Wizard : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { m_prefs.apply(); }
+    void initTestCase()
+    {
+        const QProcessEnvironment prefs = scratchPreferences(m_prefs.path());
+        for (const char *name : {"XDG_CONFIG_HOME", "XDG_CONFIG_DIRS"})
+            qputenv(name, prefs.value(name).toLocal8Bit());
+    }
     // No window may outlive the test that made it.
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
 
@@ -50,7 +55,7 @@ private slots:
     void realInstallerStarts();
 
 private:
-    ScratchPreferences m_prefs;
+    QTemporaryDir m_prefs;
 };
 
 // The pages are shown in the order agreement, source, destination,
@@ -213,10 +218,10 @@ void tst_Wizard::realInstallerStarts_data()
 void tst_Wizard::realInstallerStarts()
 {
     QFETCH(QByteArray, groups);
-    ScratchPreferences prefs;
+    QTemporaryDir prefs;
     const QString log = prefs.path() + "/run.log";
-    prefs.write(prefs.userFolder(), "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
-    QProcessEnvironment env = prefs.environment();
+    QProcessEnvironment env = scratchPreferences(prefs.path());
+    writePreferences(prefs.path() + "/home/.config", "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
     env.insert("QT_QPA_PLATFORM", "offscreen");
     QProcess installer;
     installer.setProcessEnvironment(env);
