@@ -11,6 +11,7 @@
 namespace {
 
 const QString kNoFiles = QStringLiteral("The source database data files couldn't be found.");
+const QDateTime kOld = QDateTime::fromSecsSinceEpoch(1000000000);
 
 // Runs the event loop until worker's finished() arrives, as the page receives it: queued.
 bool waitForEnd(CopyThread &worker, int timeoutMs)
@@ -47,20 +48,22 @@ void tst_CopyThread::transfer_data()
     QTest::addColumn<QString>("failure");      // the message of the closing -100 result, "" for none
     QTest::addColumn<QStringList>("arrived");  // the destination's files afterwards
     QTest::addColumn<QStringList>("leftAtSource");
+    QTest::addColumn<bool>("cancelFirst");     // cancelled before it starts
 
     const QStringList three{"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"}, flat{"x.qventry", "y.qvindex", "z.qvkentry"};
     const QStringList z{"z.qvkentry"}, twice{"z.qvkentry", "z.qvkentry"};
     const QString noSuch = "Error message is:\n%1: cannot stat '@/src/%2': No such file or directory\n";
-    QTest::newRow("nothing to transfer") << false << QStringList() << "dest" << 0 << "" << QStringList() << QStringList();
-    QTest::newRow("copy: flat, in list order") << false << three << "dest" << 3 << "" << flat << three;
-    QTest::newRow("move") << true << three << "dest" << 3 << "" << flat << QStringList();
+    QTest::newRow("nothing to transfer") << false << QStringList() << "dest" << 0 << "" << QStringList() << QStringList() << false;
+    QTest::newRow("copy: flat, in list order") << false << three << "dest" << 3 << "" << flat << three << false;
+    QTest::newRow("move") << true << three << "dest" << 3 << "" << flat << QStringList() << false;
+    QTest::newRow("cancelled before it starts") << false << three << "dest" << 0 << "" << QStringList() << three << true;
     QTest::newRow("failure at the second file: the first stays, the third is not tried")
         << false << QStringList{"a/x.qventry", "-gone.qventry", "z.qvkentry"} << "dest" << 1
-        << noSuch.arg("/bin/cp", "gone.qventry") << QStringList{"x.qventry"} << QStringList{"a/x.qventry", "z.qvkentry"};
+        << noSuch.arg("/bin/cp", "gone.qventry") << QStringList{"x.qventry"} << QStringList{"a/x.qventry", "z.qvkentry"} << false;
     QTest::newRow("the same file twice, copied, into a destination ending in /")
-        << false << twice << "dest/" << 2 << "" << z << z;
+        << false << twice << "dest/" << 2 << "" << z << z << false;
     QTest::newRow("the same file twice, moved: a failure keeps the moved file")
-        << true << twice << "dest" << 1 << noSuch.arg("/bin/mv", "z.qvkentry") << z << QStringList();
+        << true << twice << "dest" << 1 << noSuch.arg("/bin/mv", "z.qvkentry") << z << QStringList() << false;
 }
 
 void tst_CopyThread::transfer()
@@ -72,6 +75,7 @@ void tst_CopyThread::transfer()
     QFETCH(QString, failure);
     QFETCH(QStringList, arrived);
     QFETCH(QStringList, leftAtSource);
+    QFETCH(bool, cancelFirst);
     QTemporaryDir scratch;
     const QString source = scratch.filePath("src");
     QVERIFY(QDir().mkpath(scratch.filePath("dest")));
@@ -79,7 +83,9 @@ void tst_CopyThread::transfer()
         const QString path = source + '/' + name.mid(name.startsWith('-') ? 1 : 0);
         if (!name.startsWith('-') && !QFileInfo::exists(path)) {
             QVERIFY(makeFile(path, 1000 + path.size()));
-            QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions(0x6440)));
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(kOld, QFileDevice::FileModificationTime));
+            QVERIFY(file.setPermissions(QFileDevice::Permissions(0x6440)));
         }
         sResultList << QFileInfo(path);
     }
@@ -96,6 +102,8 @@ void tst_CopyThread::transfer()
         expected << "result 0 " << QStringLiteral("copied %1").arg(n);
     if (!failure.isEmpty())
         expected << "result -100 " + QString(failure).replace('@', scratch.path());
+    if (cancelFirst)
+        worker.cancel();
     worker.start();
     QVERIFY(waitForEnd(worker, 30000));
     QCOMPARE(events, expected);
@@ -104,8 +112,9 @@ void tst_CopyThread::transfer()
     QCOMPARE(dest.entryList(QDir::Files), arrived);
     for (const QString &name : arrived) {
         const QFileInfo copy(dest.filePath(name));
-        // "-p" keeps the mode; the file is whole.
+        // "-p" keeps the mode and the time; the file is whole.
         QCOMPARE(copy.permissions() & 0x0fff, QFileDevice::Permissions(0x0640));
+        QCOMPARE(copy.lastModified(), kOld);
         QVERIFY(copy.size() > 1000);
     }
     QStringList left;
@@ -144,6 +153,10 @@ void tst_CopyThread::cancelInTheMiddleOfAFile()
     const QByteArray data(1000000, 'x');
     QCOMPARE(::write(pipe, data.constData(), size_t(data.size())), ssize_t(data.size()));   // read by the copy program
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + "/endless.qventry").size() == data.size(), 60000);
+    const QList<pid_t> copying = processesMentioning(endless);
+    QCOMPARE(copying.size(), 1);
+    QCOMPARE(fileBytes(QStringLiteral("/proc/%1/cmdline").arg(copying.first())).split('\0'),
+             (QList<QByteArray>{"/bin/cp", "-pf", QFile::encodeName(endless), QFile::encodeName(dest) + '/', ""}));
     if (byDestruction) {
         delete worker;
         worker = nullptr;

@@ -65,7 +65,7 @@ void tst_DfProcess::standIn_data()
     const QByteArray reply = "echo 'Filesystem 1024-blocks Used Available Capacity Mounted on'\n";
     QTest::newRow("a big disk, blanks and non-ASCII in the folder") << reply + "echo '/dev/sdz1 9 1 9999999998 1% /x'\n"
                                                                     << "/Volumes/Big D\u00efsk/VELDV400/" << qint64(9765624);
-    QTest::newRow("report on standard error only") << QByteArray("echo 'x 1 2 4096 5' >&2\nexit 1\n") << "/e" << qint64(0);
+    QTest::newRow("report on standard error only") << "{ " + reply + "echo 'x 1 2 4096 5%'; } >&2\nexit 1\n" << "/e" << qint64(0);
     QTest::newRow("fails, with a report") << reply + "echo '/dev/sdz1 1 1 2048 1% /'\nexit 1\n" << "/f" << qint64(2);
     QTest::newRow("df missing from PATH") << QByteArray() << "/m" << qint64(0);
     // Waits for its standard input, which stays open: given 50 seconds, then killed.

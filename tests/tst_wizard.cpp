@@ -17,10 +17,12 @@
 #include <QTextBrowser>
 #include <QtTest>
 
+namespace {
+
 const QString kWelcome = QStringLiteral("Welcome to the Quorvan Spectra and Properties Database Installer");
 
-// In the parent: runs the row in a copy of this program in a bundle beside a small
-// source, with the agreement file in the bundle unless told otherwise.
+// In the parent: runs the row in a copy of this program in a bundle beside a
+// small source, with the agreement file in the bundle unless told otherwise.
 void runInBundle(bool agreement = true)
 {
     QTemporaryDir layout;
@@ -30,9 +32,13 @@ void runInBundle(bool agreement = true)
     runRowInChild({layout.filePath("Wizard Test.app/Contents/MacOS/tst_wizard")});
 }
 
+} // namespace
+
 class tst_Wizard : public QObject
 {
     Q_OBJECT
+
+    QTemporaryDir m_prefs;
 
 private slots:
     void initTestCase()
@@ -43,29 +49,25 @@ private slots:
     }
     // No window may outlive the test that made it.
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
-
     void frameAndPageOrder();
-    void resources_data();
-    void resources();
-    void endsWithStatusZero_data();
-    void endsWithStatusZero();
     void agreement_data();
     void agreement();
-    void realInstallerStarts_data();
+    void endsWithStatusZero_data();
+    void endsWithStatusZero();
     void realInstallerStarts();
-
-private:
-    QTemporaryDir m_prefs;
 };
 
-// The pages are shown in the order agreement, source, destination,
-// installation, and back again to the agreement, which stays accepted.
+// The frame, its images (stored uncompressed), and the pages in the order
+// agreement, source, destination, installation, and back again to the
+// agreement, which stays accepted.
 void tst_Wizard::frameAndPageOrder()
 {
     if (!inChild())
         return runInBundle();
     gAdminGid = 12345;
     VELD_Installer wizard;
+    install_wizard = &wizard;
+    QCOMPARE(GetMainWindow(), static_cast<QWidget *>(&wizard));
     QCOMPARE(gAdminGid, getGroupId(adminGroupName()));
     QCOMPARE(wizard.windowTitle(), kWelcome);
     QCOMPARE(wizard.page(kEulaPageId)->title(), kWelcome);
@@ -75,11 +77,11 @@ void tst_Wizard::frameAndPageOrder()
     wizard.SetWindowTitle(std::string());   // restores the default
     QCOMPARE(wizard.windowTitle(), kWelcome);
     QCOMPARE(wizard.pixmap(QWizard::BackgroundPixmap).size(), QSize(615, 414));
-    QCOMPARE(wizard.pageIds(), (QList<int>{0, 1, 2, 3}));
-    QVERIFY(qobject_cast<SourcePage *>(wizard.page(0)));
-    QVERIFY(qobject_cast<EulaPage *>(wizard.page(1)));
-    QVERIFY(qobject_cast<PickDestPage *>(wizard.page(2)));
-    QVERIFY(qobject_cast<ConclusionPage *>(wizard.page(3)));
+    for (const char *image : {":/images/VELD_DVD_Artwork.png", ":/images/app_64.png", ":/images/GNX_DVD_Artwork.png"})
+        QCOMPARE(QResource(image).compressionAlgorithm(), QResource::NoCompression);
+    QCOMPARE(QImage(":/images/app_64.png").size(), QSize(64, 64));
+    QVERIFY(qobject_cast<SourcePage *>(wizard.page(0)) && qobject_cast<EulaPage *>(wizard.page(1))
+            && qobject_cast<PickDestPage *>(wizard.page(2)) && qobject_cast<ConclusionPage *>(wizard.page(3)));
 
     wizard.show();
     clickAcceptBox(wizard);
@@ -101,67 +103,7 @@ void tst_Wizard::frameAndPageOrder()
     QCOMPARE(back, (QList<int>{2, 0, 1}));
     QVERIFY(wizard.page(kEulaPageId)->findChild<QCheckBox *>()->isChecked());
     QVERIFY(wizard.button(QWizard::NextButton)->isEnabled());
-}
-
-void tst_Wizard::resources_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QSize>("size");
-    QTest::newRow("artwork") << ":/images/VELD_DVD_Artwork.png" << QSize(615, 414);
-    QTest::newRow("icon") << ":/images/app_64.png" << QSize(64, 64);
-    QTest::newRow("second artwork") << ":/images/GNX_DVD_Artwork.png" << QSize(615, 414);
-}
-
-void tst_Wizard::resources()
-{
-    QFETCH(QString, path);
-    QFETCH(QSize, size);
-    const QResource resource(path);
-    QCOMPARE(resource.compressionAlgorithm(), QResource::NoCompression);
-    QCOMPARE(QByteArray(reinterpret_cast<const char *>(resource.data()), 8), QByteArray("\x89PNG\r\n\x1a\n"));
-    QCOMPARE(QImage(path).size(), size);
-}
-
-void tst_Wizard::endsWithStatusZero_data()
-{
-    QTest::addColumn<QString>("how");
-    QTest::newRow("Cancel button") << "cancel";
-    QTest::newRow("window closed") << "close";
-    QTest::newRow("Escape key") << "escape";
-    QTest::newRow("Cancel on a later page") << "cancel-later";
-}
-
-// The event loop that main runs ends with status 0 however the user leaves.
-void tst_Wizard::endsWithStatusZero()
-{
-    QFETCH(QString, how);
-    if (!inChild())
-        return runInBundle();
-    VELD_Installer wizard;
-    install_wizard = &wizard;
-    auto forget = qScopeGuard([] { install_wizard = nullptr; });
-    QCOMPARE(GetMainWindow(), static_cast<QWidget *>(&wizard));
-    wizard.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&wizard));
-
-    QTimer::singleShot(0, &wizard, [&] {
-        if (how == QLatin1String("close")) {
-            wizard.close();
-        } else if (how == QLatin1String("escape")) {
-            QTest::keyClick(&wizard, Qt::Key_Escape);
-        } else {
-            if (how == QLatin1String("cancel-later")) {
-                clickAcceptBox(wizard);
-                wizard.next();
-                wizard.next();
-            }
-            QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-        }
-    });
-    // A loop that does not end fails the test instead of hanging it.
-    QTimer::singleShot(10000, qApp, [] { QCoreApplication::exit(99); });
-    QCOMPARE(QApplication::exec(), 0);
-    QVERIFY(!wizard.isVisible());
+    install_wizard = nullptr;
 }
 
 void tst_Wizard::agreement_data()
@@ -169,7 +111,6 @@ void tst_Wizard::agreement_data()
     QTest::addColumn<bool>("present");   // the agreement file in the bundle
     QTest::addColumn<int>("clicks");
     QTest::newRow("untouched") << true << 0;
-    QTest::newRow("ticked") << true << 1;
     QTest::newRow("ticked, unticked") << true << 2;
     QTest::newRow("no agreement file, ticked") << false << 1;
 }
@@ -181,10 +122,8 @@ void tst_Wizard::agreement()
     if (!inChild())
         return runInBundle(present);
     const QString file = QString::fromStdString(GetInstallPath()) + "/Contents/Resources/LicenseAgreement.html";
-    QCOMPARE(QFile::exists(file), present);
     if (!present)
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No document for"));
-
     VELD_Installer wizard;
     wizard.show();
     QWizardPage *page = wizard.page(kEulaPageId);
@@ -206,37 +145,60 @@ void tst_Wizard::agreement()
     QCOMPARE(wizard.currentId(), accepted ? kSourcePageId : kEulaPageId);
 }
 
-void tst_Wizard::realInstallerStarts_data()
+void tst_Wizard::endsWithStatusZero_data()
 {
-    QTest::addColumn<QByteArray>("groups"); // empty: the machine's own group database
-    QTest::newRow("this machine's groups") << QByteArray();
-    QTest::newRow("no administrators' group") << QByteArray("root:x:0:\nusers:x:100:\n");
+    QTest::addColumn<QString>("how");
+    QTest::newRow("window closed") << "close";
+    QTest::newRow("Escape key") << "escape";
+    QTest::newRow("Cancel on a later page") << "cancel-later";
 }
 
-// The bundle's own executable starts, finds its log preference under its cleaned
-// name and keeps running; it is stopped from outside.
+// The event loop that main runs ends with status 0 however the user leaves.
+void tst_Wizard::endsWithStatusZero()
+{
+    QFETCH(QString, how);
+    if (!inChild())
+        return runInBundle();
+    VELD_Installer wizard;
+    wizard.show();
+    QTimer::singleShot(0, &wizard, [&] {
+        if (how == "close") {
+            wizard.close();
+        } else if (how == "escape") {
+            QTest::keyClick(&wizard, Qt::Key_Escape);
+        } else {
+            clickAcceptBox(wizard);
+            wizard.next();
+            wizard.next();
+            QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+        }
+    });
+    QTimer::singleShot(60000, qApp, [] { QCoreApplication::exit(99); });   // a hang fails instead
+    QCOMPARE(QApplication::exec(), 0);
+    QVERIFY(!wizard.isVisible());
+}
+
+// The bundle's own executable starts, even without an administrators' group in a
+// private /etc/group, finds its log preference under its cleaned name and keeps running.
 void tst_Wizard::realInstallerStarts()
 {
-    QFETCH(QByteArray, groups);
     QTemporaryDir prefs;
     const QString log = prefs.path() + "/run.log";
     QProcessEnvironment env = scratchPreferences(prefs.path());
     writePreferences(prefs.path() + "/home/.config", "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
     env.insert("QT_QPA_PLATFORM", "offscreen");
+    QVERIFY(writeFile(prefs.path() + "/group", "root:x:0:\nusers:x:100:\n"));
+    const QStringList command = wrapped({VELD_INSTALLER}, {inPrivateMounts("mount --bind \"$1\" /etc/group", {prefs.path() + "/group"})});
     QProcess installer;
     installer.setProcessEnvironment(env);
     installer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    // Else in a private mount namespace whose /etc/group lacks every administrators' group.
-    QVERIFY(groups.isEmpty() || writeFile(prefs.path() + "/group", groups));
-    const QStringList command = groups.isEmpty() ? QStringList{VELD_INSTALLER}
-        : wrapped({VELD_INSTALLER}, {inPrivateMounts("mount --bind \"$1\" /etc/group", {prefs.path() + "/group"})});
     installer.start(command.first(), command.mid(1));
     auto stop = qScopeGuard([&] {
         installer.kill();
         installer.waitForFinished(5000);
     });
     QVERIFY(installer.waitForStarted(5000));
-    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith(QLatin1String("---VELDInstaller[")), 60000);
+    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith("---VELDInstaller["), 60000);
     QVERIFY(!installer.waitForFinished(500));
 }
 
