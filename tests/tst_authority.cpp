@@ -33,19 +33,281 @@ class tst_Authority : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void policy_data();
-    void policy();
-    void helperFrames_data();
-    void helperFrames();
-    void severalCommands();
-    void refusals_data();
-    void refusals();
-    void helperEndsWithClient_data();
-    void helperEndsWithClient();
-    void directAsRoot();
+    void initTestCase()
+    {
+        QVERIFY(QFileInfo(kHelper).isExecutable());
+        m_file = m_dir.filePath(QStringLiteral("printed.txt"));
+        QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
+    }
+
+    void init()
+    {
+        QVERIFY(createCountingLauncher(m_dir.path()));
+        static int serial = 0;
+        m_scratch = m_dir.filePath(QStringLiteral("scratch-%1").arg(++serial));
+        QVERIFY(QDir().mkpath(m_scratch));
+        QVERIFY(QFile::setPermissions(m_scratch, QFileDevice::Permissions(0x7555)));
+    }
+
+    // No test leaves a root helper behind.
+    void cleanup()
+    {
+        QVERIFY(allGone(processesMentioning(kHelper)));
+    }
+
+    void policy_data()
+    {
+        QTest::addColumn<QString>("tool");
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("refusal");   // the start of the reason, or "" when allowed
+
+        const QString shape = QStringLiteral("not a form");
+        QTest::newRow("mkdir, four digits") << "/bin/mkdir" << QStringList{"-m", "0755", "/a b/é;$(x)`y`\nz"} << "";
+        QTest::newRow("chmod, three digits") << "/bin/chmod" << QStringList{"775", "/a"} << "";
+        QTest::newRow("chgrp") << "/usr/bin/chgrp" << QStringList{"27", "/a"} << "";
+        QTest::newRow("chown") << "/bin/chown" << QStringList{"1000:27", "/a"} << "";
+        QTest::newRow("cp") << "/bin/cp" << QStringList{"/tmp/x.plist", "/etc/y.plist"} << "";
+        QTest::newRow("defaults write") << "/h/veld-defaults" << QStringList{"write", "/etc/xdg/d", "k", "v=1\n"} << "";
+        QTest::newRow("defaults delete") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", "k"} << "";
+        QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/a", "k"} << "not a tool";
+        QTest::newRow("relative tool") << "bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path is not absolute";
+        QTest::newRow("tool through ..") << "/usr/../bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path contains";
+        QTest::newRow("mkdir, two paths") << "/bin/mkdir" << QStringList{"-m", "775", "/a", "/b"} << shape;
+        QTest::newRow("mkdir, symbolic mode") << "/bin/mkdir" << QStringList{"-m", "u+s", "/a"} << shape;
+        QTest::newRow("chmod, five digits") << "/bin/chmod" << QStringList{"04777", "/a"} << shape;
+        QTest::newRow("chgrp by name") << "/usr/bin/chgrp" << QStringList{"sudo", "/a"} << shape;
+        QTest::newRow("chown without group") << "/bin/chown" << QStringList{"0", "/a"} << shape;
+        QTest::newRow("relative path") << "/bin/chmod" << QStringList{"0775", "a/b"} << shape;
+        QTest::newRow("path ending in ..") << "/bin/cp" << QStringList{"/a", "/b/.."} << shape;
+        QTest::newRow("cp with an option") << "/bin/cp" << QStringList{"-r", "/a", "/b"} << shape;
+        QTest::newRow("defaults read") << "/h/veld-defaults" << QStringList{"read", "/etc/xdg/d", "k"} << shape;
+        QTest::newRow("defaults, empty key") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", ""} << shape;
+    }
+
+    void policy()
+    {
+        QFETCH(QString, tool);
+        QFETCH(QStringList, args);
+        QFETCH(QString, refusal);
+        std::vector<std::string> list;
+        for (const QString &arg : args)
+            list.push_back(arg.toStdString());
+        const QString reason = QString::fromStdString(refusalReason(tool.toStdString(), list, "/h"));
+        QVERIFY2(refusal.isEmpty() ? reason.isEmpty() : reason.startsWith(refusal), qPrintable(reason));
+    }
+
+    void helperFrames_data()
+    {
+        using namespace authproto;
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QByteArray>("output");   // the helper's answers
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("complaint");   // on its standard error
+
+        const QByteArray good = frame(kRun, encodeRun("/bin/chmod", {"0755", "/nonexistent-veld"}));
+        const QByteArray ready = frame(kReady, ""), ran = frame(kDone, encodeStatus(0));
+        const QByteArray refused = frame(kDone, encodeStatus(-60005));
+        const QString malformed = QStringLiteral("refused: malformed request");
+        QTest::newRow("nothing") << QByteArray() << ready << 0 << "";
+        QTest::newRow("unknown type, then a request") << frame('Q', "x") + good << ready + refused + ran << 0 << malformed;
+        QTest::newRow("no final NUL") << frame(kRun, "/bin/chmod") + good << ready + refused + ran << 0 << malformed;
+        QTest::newRow("too many arguments") << frame(kRun, encodeRun("/bin/cp", std::vector<std::string>(17, "/a")))
+                                            << ready + refused << 0 << malformed;
+        QTest::newRow("oversized") << QByteArray("\x00\x10\x00\x00X", 5) + QByteArray(100, 'a') << ready + refused << 1
+                                   << "refused: request larger than 65536 bytes";
+        QTest::newRow("length 0") << QByteArray(4, '\0') + good << ready << 1 << "request stream is broken";
+        QTest::newRow("cut short") << good.left(9) << ready << 1 << "request stream is broken";
+    }
+
+    // The helper itself, fed frames as they may arrive; it never needs root for this.
+    void helperFrames()
+    {
+        QFETCH(QByteArray, input);
+        QFETCH(QByteArray, output);
+        QFETCH(int, exitCode);
+        QFETCH(QString, complaint);
+        QProcess helper;
+        helper.start(kHelper, QStringList());
+        QVERIFY(helper.waitForStarted());
+        helper.write(input);
+        // Input that ends while a tool runs means the installer is gone: wait for the answers first.
+        QByteArray answers;
+        while (answers.size() < output.size() && helper.waitForReadyRead(60000))
+            answers += helper.readAllStandardOutput();
+        helper.closeWriteChannel();
+        QVERIFY(helper.waitForFinished(60000));
+        QCOMPARE(answers + helper.readAllStandardOutput(), output);
+        QCOMPARE(helper.exitCode(), exitCode);
+        const QString err = QString::fromUtf8(helper.readAllStandardError());
+        QVERIFY2(complaint.isEmpty() ? !err.contains(QLatin1String("refused")) : err.contains(complaint), qPrintable(err));
+    }
+
+    // One authority, every tool, one start of the launcher: their output relayed to standard error,
+    // or to the log, where a silent tool fails; then a request with the released reference is refused.
+    // Releasing a null reference, or logging before the log is open, is refused too.
+    void severalCommands()
+    {
+        REQUIRE_PRIVILEGED();
+        const QString a = m_scratch + QStringLiteral("/a");
+        const QString copy = m_scratch + QStringLiteral("/copy");
+        const QString log = m_dir.filePath(QStringLiteral("tools.log"));
+        QVERIFY(writeFile(log, QByteArray(), 0666));
+        const QString uid = QString::number(userId("veldadmin"));
+        const QString gid = QString::number(getgrnam("veldguest")->gr_gid);
+        const ProcessResult result = probeAs(
+            "veldadmin", {"free", "runlog", "/bin/chmod", "2", "0755", a, "macopen", log, "auth",
+                          "run", "/bin/mkdir", "3", "-m", "0750", a, "run", "/bin/chmod", "2", "0705", a,
+                          "run", "/usr/bin/chgrp", "2", gid, a, "run", "/bin/chown", "2", uid + ":" + gid, a,
+                          "run", "/bin/cp", "2", m_file, copy, "run", "/bin/cp", "2", m_file, "/dev/stdout",
+                          "runlog", "/bin/chmod", "2", "0705", a, "runlog", "/bin/cp", "2", m_file, "/dev/stdout",
+                          "run", "/bin/mkdir", "0", "free", "runreleased", "/bin/mkdir", "3", "-m", "0755", m_scratch + "/late"});
+        QCOMPARE(result.out, QStringLiteral("free=-60002 ref=null\nrunlog=0\nmacopen=1\n\nauth=1 ref=set\nrun=1\nrun=1\nrun=1\n"
+                                            "run=1\nrun=1\nrun=1\nrunlog=0\nrunlog=1\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
+        QCOMPARE(launches(m_dir.path()), 1);
+        struct stat info;
+        QCOMPARE(::stat(QFile::encodeName(a).constData(), &info), 0);
+        QCOMPARE(QStringLiteral("%1 %2:%3").arg(info.st_mode & 07777, 0, 8).arg(info.st_uid).arg(info.st_gid),
+                 "705 " + uid + ':' + gid);
+        QCOMPARE(QFileInfo(copy).ownerId(), uint(0));
+        QVERIFY(!QFileInfo::exists(m_scratch + QStringLiteral("/late")));
+        QVERIFY(result.err.startsWith(QLatin1String("Requested runCommandWithAuthorityWithLog, but log is not open\n")));
+        QCOMPARE(result.err.count(fileText(m_file)), 1);
+        QVERIFY(result.err.contains(QLatin1String("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n status=-60005\n")));
+        QVERIFY(result.err.contains(QLatin1String("refused: the authority was released: /bin/mkdir")));
+        const QString pattern = QStringLiteral("^%1Executing AuthorizationExecuteWithPrivileges: /bin/chmod \"0705\" \"%2\"\n"
+                                               "%1No STDOUT output returned from command- handling as error\n"
+                                               "%1Executing AuthorizationExecuteWithPrivileges: /bin/cp \"%3\" \"/dev/stdout\"\n"
+                                               "%1STDOUT command output:\n%4$")
+                                    .arg(kLogDateStampPattern + ": ", QRegularExpression::escape(a),
+                                         QRegularExpression::escape(m_file), QRegularExpression::escape(fileText(m_file)));
+        QVERIFY2(QRegularExpression(pattern).match(fileText(log)).hasMatch(), qPrintable(fileText(log)));
+    }
+
+    void refusals_data()
+    {
+        QTest::addColumn<QString>("user");
+        QTest::addColumn<QString>("launcher");      // "": the counting one; "exit N": a stand-in that ends with N
+        QTest::addColumn<QStringList>("command");   // the tool and its arguments; "@" stands for the scratch folder
+        QTest::addColumn<QString>("made");          // what the tool makes below it, or "" when refused
+        QTest::addColumn<int>("status");            // when the right is refused
+
+        const QStringList mkdir{"/bin/mkdir", "-m", "0755", "@/g"};
+        const QString admin = QStringLiteral("veldadmin");
+        QTest::newRow("a tool outside the list") << admin << "" << QStringList{"/bin/sh", "-c", "touch @/pwned"} << "" << 0;
+        QTest::newRow("an unused shape") << admin << "" << QStringList{"/bin/mkdir", "-p", "@/p/q"} << "" << 0;
+        QTest::newRow("a tool through ..") << admin << "" << QStringList{"/usr/../bin/mkdir", "-m", "0755", "@/r"} << "" << 0;
+        QTest::newRow("a path through ..") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/../r"} << "" << 0;
+        // Unquoted, double-quoted or split into lines, this would run touch.
+        const QString text = QStringLiteral("x; touch pwned $(touch pwned) `touch pwned`\ntouch pwned");
+        QTest::newRow("shell and line syntax is text") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + text}
+                                                       << text << 0;
+        QTest::newRow("oversized") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + QString(70000, 'x')} << ""
+                                   << 0;
+        QTest::newRow("sudo refuses a user without the rule") << "veldguest" << "sudo -n" << mkdir << "" << -60005;
+        QTest::newRow("no such launcher") << admin << "/nonexistent/launcher" << mkdir << "" << -60031;
+        QTest::newRow("dialog dismissed") << admin << "exit 126" << mkdir << "" << -60006;
+        QTest::newRow("not authorized") << admin << "exit 127" << mkdir << "" << -60005;
+    }
+
+    // A refused request runs nothing and says so on standard error; the helper takes the next
+    // command. A refused right leaves the reference set, and each command asks again.
+    void refusals()
+    {
+        REQUIRE_PRIVILEGED();
+        QFETCH(QString, user);
+        QFETCH(QString, launcher);
+        QFETCH(QStringList, command);
+        QFETCH(QString, made);
+        QFETCH(int, status);
+        if (launcher.startsWith("exit ")) {
+            QVERIFY(writeScript(m_scratch + "-standin", launcher.toUtf8() + '\n'));
+            launcher = m_scratch + "-standin";
+        }
+        command.replaceInStrings(QStringLiteral("@"), m_scratch);
+        const QString after = m_scratch + QStringLiteral("/after");
+        const ProcessResult result =
+            probeAs(user, QStringList{"auth", "run", command.first(), QString::number(command.size() - 1)} + command.mid(1)
+                              + QStringList{"run", "/bin/mkdir", "3", "-m", "0700", after, "free"}, launcher);
+        QCOMPARE(result.out, QStringLiteral("\nauth=%1 ref=set\nrun=%2\nrun=%1\nfree=0 ref=null\n")
+                                 .arg(status ? 0 : 1).arg(made.isEmpty() ? 0 : 1));
+        QStringList expected = status ? QStringList() : made.isEmpty() ? QStringList{"after"} : QStringList{"after", made};
+        QStringList present = QDir(m_scratch).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        expected.sort();
+        present.sort();
+        QCOMPARE(present, expected);
+        QVERIFY(!QFileInfo::exists(QStringLiteral("/pwned")));
+        if (!status) {
+            QVERIFY2(!made.isEmpty() || result.err.contains(QLatin1String("veld-authhelper: refused: ")), qPrintable(result.err));
+            QCOMPARE(launches(m_dir.path()), 1);
+            return;
+        }
+        // The line of the refused right has no line break of its own.
+        const QString refused = QStringLiteral("AuthorizationCopyRights failed: status=%1").arg(status);
+        const int at = result.err.indexOf(refused);
+        QVERIFY2(at >= 0, qPrintable(result.err));
+        QVERIFY(result.err.mid(at + refused.size(), 1) != QLatin1String("\n"));
+        QVERIFY(result.err.contains(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0755\n "
+                                                   "%1/g\n status=%2\n").arg(m_scratch).arg(status)));
+        QVERIFY(result.err.endsWith(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0700\n "
+                                                   "%1\n status=%2\n").arg(after).arg(status)));
+    }
+
+    void helperEndsWithClient_data()
+    {
+        QTest::addColumn<bool>("killed");
+        QTest::newRow("freeAuthority") << false;
+        QTest::newRow("kill -9 of the client") << true;
+    }
+
+    void helperEndsWithClient()
+    {
+        REQUIRE_PRIVILEGED();
+        QFETCH(bool, killed);
+        QProcess client;
+        client.setProcessEnvironment(withLauncher(kHelper, m_dir.filePath("launch")));
+        const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
+        client.start(command.first(), command.mid(1));
+        const auto waitFor = [&](const char *text) {
+            QByteArray out;
+            while (!out.contains(text) && client.waitForReadyRead(60000))
+                out += client.readAllStandardOutput();
+            return out.contains(text);
+        };
+        QVERIFY(waitFor("waiting"));
+        const QList<pid_t> helpers = processesMentioning(kHelper);
+        QCOMPARE(helpers.size(), 2);   // the launcher and the helper
+        if (killed) {
+            ::kill(pid_t(client.processId()), SIGKILL);
+            QVERIFY(client.waitForFinished(60000));
+        } else {
+            client.write("\n");
+            QVERIFY(waitFor("free=0 ref=null"));
+        }
+        QVERIFY(allGone(helpers));
+        client.write("\n");
+        client.waitForFinished(5000);
+    }
+
+    // A process that already runs as root starts the helper itself: no launcher.
+    // This helper's folder has no veld-defaults, so that tool cannot be started.
+    void directAsRoot()
+    {
+        if (geteuid() != 0)
+            QSKIP("needs root");
+        const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
+        QVERIFY(writeFile(helper, fileBytes(kHelper), 0500));
+        const QString made = m_scratch + QStringLiteral("/r");
+        const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
+        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
+                                                 "3", "delete", "/nonexistent/d", "k", "free"},
+                                                withLauncher(helper, m_dir.filePath("launch")));
+        QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
+        QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
+        QVERIFY(result.err.endsWith(QLatin1String(" status=-60031\n")));
+        QVERIFY(QFileInfo(made).isDir());
+        QCOMPARE(QFileInfo(made).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
+        QCOMPARE(launches(m_dir.path()), 0);
+    }
 
 private:
     ProcessResult probeAs(const QString &user, const QStringList &args, const QString &launcherCommand = QString())
@@ -58,282 +320,6 @@ private:
     QString m_scratch;   // root's, readable by everyone, writable by no one else
     QString m_file;      // what a tool prints: more than one piece of output
 };
-
-void tst_Authority::initTestCase()
-{
-    QVERIFY(QFileInfo(kHelper).isExecutable());
-    m_file = m_dir.filePath(QStringLiteral("printed.txt"));
-    QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
-}
-
-void tst_Authority::init()
-{
-    QVERIFY(createCountingLauncher(m_dir.path()));
-    static int serial = 0;
-    m_scratch = m_dir.filePath(QStringLiteral("scratch-%1").arg(++serial));
-    QVERIFY(QDir().mkpath(m_scratch));
-    QVERIFY(QFile::setPermissions(m_scratch, QFileDevice::Permissions(0x7555)));
-}
-
-// No test leaves a root helper behind.
-void tst_Authority::cleanup()
-{
-    QVERIFY(allGone(processesMentioning(kHelper)));
-}
-
-void tst_Authority::policy_data()
-{
-    QTest::addColumn<QString>("tool");
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<QString>("refusal");   // the start of the reason, or "" when allowed
-
-    const QString shape = QStringLiteral("not a form");
-    QTest::newRow("mkdir, four digits") << "/bin/mkdir" << QStringList{"-m", "0755", "/a b/é;$(x)`y`\nz"} << "";
-    QTest::newRow("chmod, three digits") << "/bin/chmod" << QStringList{"775", "/a"} << "";
-    QTest::newRow("chgrp") << "/usr/bin/chgrp" << QStringList{"27", "/a"} << "";
-    QTest::newRow("chown") << "/bin/chown" << QStringList{"1000:27", "/a"} << "";
-    QTest::newRow("cp") << "/bin/cp" << QStringList{"/tmp/x.plist", "/etc/y.plist"} << "";
-    QTest::newRow("defaults write") << "/h/veld-defaults" << QStringList{"write", "/etc/xdg/d", "k", "v=1\n"} << "";
-    QTest::newRow("defaults delete") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", "k"} << "";
-    QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/a", "k"} << "not a tool";
-    QTest::newRow("relative tool") << "bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path is not absolute";
-    QTest::newRow("tool through ..") << "/usr/../bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path contains";
-    QTest::newRow("mkdir, two paths") << "/bin/mkdir" << QStringList{"-m", "775", "/a", "/b"} << shape;
-    QTest::newRow("mkdir, symbolic mode") << "/bin/mkdir" << QStringList{"-m", "u+s", "/a"} << shape;
-    QTest::newRow("chmod, five digits") << "/bin/chmod" << QStringList{"04777", "/a"} << shape;
-    QTest::newRow("chgrp by name") << "/usr/bin/chgrp" << QStringList{"sudo", "/a"} << shape;
-    QTest::newRow("chown without group") << "/bin/chown" << QStringList{"0", "/a"} << shape;
-    QTest::newRow("relative path") << "/bin/chmod" << QStringList{"0775", "a/b"} << shape;
-    QTest::newRow("path ending in ..") << "/bin/cp" << QStringList{"/a", "/b/.."} << shape;
-    QTest::newRow("cp with an option") << "/bin/cp" << QStringList{"-r", "/a", "/b"} << shape;
-    QTest::newRow("defaults read") << "/h/veld-defaults" << QStringList{"read", "/etc/xdg/d", "k"} << shape;
-    QTest::newRow("defaults, empty key") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", ""} << shape;
-}
-
-void tst_Authority::policy()
-{
-    QFETCH(QString, tool);
-    QFETCH(QStringList, args);
-    QFETCH(QString, refusal);
-    std::vector<std::string> list;
-    for (const QString &arg : args)
-        list.push_back(arg.toStdString());
-    const QString reason = QString::fromStdString(refusalReason(tool.toStdString(), list, "/h"));
-    QVERIFY2(refusal.isEmpty() ? reason.isEmpty() : reason.startsWith(refusal), qPrintable(reason));
-}
-
-void tst_Authority::helperFrames_data()
-{
-    using namespace authproto;
-    QTest::addColumn<QByteArray>("input");
-    QTest::addColumn<QByteArray>("output");   // the helper's answers
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("complaint");   // on its standard error
-
-    const QByteArray good = frame(kRun, encodeRun("/bin/chmod", {"0755", "/nonexistent-veld"}));
-    const QByteArray ready = frame(kReady, ""), ran = frame(kDone, encodeStatus(0));
-    const QByteArray refused = frame(kDone, encodeStatus(-60005));
-    const QString malformed = QStringLiteral("refused: malformed request");
-    QTest::newRow("nothing") << QByteArray() << ready << 0 << "";
-    QTest::newRow("unknown type, then a request") << frame('Q', "x") + good << ready + refused + ran << 0 << malformed;
-    QTest::newRow("no final NUL") << frame(kRun, "/bin/chmod") + good << ready + refused + ran << 0 << malformed;
-    QTest::newRow("too many arguments") << frame(kRun, encodeRun("/bin/cp", std::vector<std::string>(17, "/a")))
-                                        << ready + refused << 0 << malformed;
-    QTest::newRow("oversized") << QByteArray("\x00\x10\x00\x00X", 5) + QByteArray(100, 'a') << ready + refused << 1
-                               << "refused: request larger than 65536 bytes";
-    QTest::newRow("length 0") << QByteArray(4, '\0') + good << ready << 1 << "request stream is broken";
-    QTest::newRow("cut short") << good.left(9) << ready << 1 << "request stream is broken";
-}
-
-// The helper itself, fed frames as they may arrive; it never needs root for this.
-void tst_Authority::helperFrames()
-{
-    QFETCH(QByteArray, input);
-    QFETCH(QByteArray, output);
-    QFETCH(int, exitCode);
-    QFETCH(QString, complaint);
-    QProcess helper;
-    helper.start(kHelper, QStringList());
-    QVERIFY(helper.waitForStarted());
-    helper.write(input);
-    // Input that ends while a tool runs means the installer is gone: wait for the answers first.
-    QByteArray answers;
-    while (answers.size() < output.size() && helper.waitForReadyRead(60000))
-        answers += helper.readAllStandardOutput();
-    helper.closeWriteChannel();
-    QVERIFY(helper.waitForFinished(60000));
-    QCOMPARE(answers + helper.readAllStandardOutput(), output);
-    QCOMPARE(helper.exitCode(), exitCode);
-    const QString err = QString::fromUtf8(helper.readAllStandardError());
-    QVERIFY2(complaint.isEmpty() ? !err.contains(QLatin1String("refused")) : err.contains(complaint), qPrintable(err));
-}
-
-// One authority, every tool, one start of the launcher: their output relayed to standard error,
-// or to the log, where a silent tool fails; then a request with the released reference is refused.
-// Releasing a null reference, or logging before the log is open, is refused too.
-void tst_Authority::severalCommands()
-{
-    REQUIRE_PRIVILEGED();
-    const QString a = m_scratch + QStringLiteral("/a");
-    const QString copy = m_scratch + QStringLiteral("/copy");
-    const QString log = m_dir.filePath(QStringLiteral("tools.log"));
-    QVERIFY(writeFile(log, QByteArray(), 0666));
-    const QString uid = QString::number(userId("veldadmin"));
-    const QString gid = QString::number(getgrnam("veldguest")->gr_gid);
-    const ProcessResult result = probeAs(
-        "veldadmin", {"free", "runlog", "/bin/chmod", "2", "0755", a, "macopen", log, "auth",
-                      "run", "/bin/mkdir", "3", "-m", "0750", a, "run", "/bin/chmod", "2", "0705", a,
-                      "run", "/usr/bin/chgrp", "2", gid, a, "run", "/bin/chown", "2", uid + ":" + gid, a,
-                      "run", "/bin/cp", "2", m_file, copy, "run", "/bin/cp", "2", m_file, "/dev/stdout",
-                      "runlog", "/bin/chmod", "2", "0705", a, "runlog", "/bin/cp", "2", m_file, "/dev/stdout",
-                      "run", "/bin/mkdir", "0", "free", "runreleased", "/bin/mkdir", "3", "-m", "0755", m_scratch + "/late"});
-    QCOMPARE(result.out, QStringLiteral("free=-60002 ref=null\nrunlog=0\nmacopen=1\n\nauth=1 ref=set\nrun=1\nrun=1\nrun=1\n"
-                                        "run=1\nrun=1\nrun=1\nrunlog=0\nrunlog=1\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
-    QCOMPARE(launches(m_dir.path()), 1);
-    struct stat info;
-    QCOMPARE(::stat(QFile::encodeName(a).constData(), &info), 0);
-    QCOMPARE(QStringLiteral("%1 %2:%3").arg(info.st_mode & 07777, 0, 8).arg(info.st_uid).arg(info.st_gid),
-             "705 " + uid + ':' + gid);
-    QCOMPARE(QFileInfo(copy).ownerId(), uint(0));
-    QVERIFY(!QFileInfo::exists(m_scratch + QStringLiteral("/late")));
-    QVERIFY(result.err.startsWith(QLatin1String("Requested runCommandWithAuthorityWithLog, but log is not open\n")));
-    QCOMPARE(result.err.count(fileText(m_file)), 1);
-    QVERIFY(result.err.contains(QLatin1String("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n status=-60005\n")));
-    QVERIFY(result.err.contains(QLatin1String("refused: the authority was released: /bin/mkdir")));
-    const QString pattern = QStringLiteral("^%1Executing AuthorizationExecuteWithPrivileges: /bin/chmod \"0705\" \"%2\"\n"
-                                           "%1No STDOUT output returned from command- handling as error\n"
-                                           "%1Executing AuthorizationExecuteWithPrivileges: /bin/cp \"%3\" \"/dev/stdout\"\n"
-                                           "%1STDOUT command output:\n%4$")
-                                .arg(kLogDateStampPattern + ": ", QRegularExpression::escape(a),
-                                     QRegularExpression::escape(m_file), QRegularExpression::escape(fileText(m_file)));
-    QVERIFY2(QRegularExpression(pattern).match(fileText(log)).hasMatch(), qPrintable(fileText(log)));
-}
-
-void tst_Authority::refusals_data()
-{
-    QTest::addColumn<QString>("user");
-    QTest::addColumn<QString>("launcher");      // "": the counting one; "exit N": a stand-in that ends with N
-    QTest::addColumn<QStringList>("command");   // the tool and its arguments; "@" stands for the scratch folder
-    QTest::addColumn<QString>("made");          // what the tool makes below it, or "" when refused
-    QTest::addColumn<int>("status");            // when the right is refused
-
-    const QStringList mkdir{"/bin/mkdir", "-m", "0755", "@/g"};
-    const QString admin = QStringLiteral("veldadmin");
-    QTest::newRow("a tool outside the list") << admin << "" << QStringList{"/bin/sh", "-c", "touch @/pwned"} << "" << 0;
-    QTest::newRow("an unused shape") << admin << "" << QStringList{"/bin/mkdir", "-p", "@/p/q"} << "" << 0;
-    QTest::newRow("a tool through ..") << admin << "" << QStringList{"/usr/../bin/mkdir", "-m", "0755", "@/r"} << "" << 0;
-    QTest::newRow("a path through ..") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/../r"} << "" << 0;
-    // Unquoted, double-quoted or split into lines, this would run touch.
-    const QString text = QStringLiteral("x; touch pwned $(touch pwned) `touch pwned`\ntouch pwned");
-    QTest::newRow("shell and line syntax is text") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + text}
-                                                   << text << 0;
-    QTest::newRow("oversized") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + QString(70000, 'x')} << ""
-                               << 0;
-    QTest::newRow("sudo refuses a user without the rule") << "veldguest" << "sudo -n" << mkdir << "" << -60005;
-    QTest::newRow("no such launcher") << admin << "/nonexistent/launcher" << mkdir << "" << -60031;
-    QTest::newRow("dialog dismissed") << admin << "exit 126" << mkdir << "" << -60006;
-    QTest::newRow("not authorized") << admin << "exit 127" << mkdir << "" << -60005;
-}
-
-// A refused request runs nothing and says so on standard error; the helper takes the next
-// command. A refused right leaves the reference set, and each command asks again.
-void tst_Authority::refusals()
-{
-    REQUIRE_PRIVILEGED();
-    QFETCH(QString, user);
-    QFETCH(QString, launcher);
-    QFETCH(QStringList, command);
-    QFETCH(QString, made);
-    QFETCH(int, status);
-    if (launcher.startsWith("exit ")) {
-        QVERIFY(writeScript(m_scratch + "-standin", launcher.toUtf8() + '\n'));
-        launcher = m_scratch + "-standin";
-    }
-    command.replaceInStrings(QStringLiteral("@"), m_scratch);
-    const QString after = m_scratch + QStringLiteral("/after");
-    const ProcessResult result =
-        probeAs(user, QStringList{"auth", "run", command.first(), QString::number(command.size() - 1)} + command.mid(1)
-                          + QStringList{"run", "/bin/mkdir", "3", "-m", "0700", after, "free"}, launcher);
-    QCOMPARE(result.out, QStringLiteral("\nauth=%1 ref=set\nrun=%2\nrun=%1\nfree=0 ref=null\n")
-                             .arg(status ? 0 : 1).arg(made.isEmpty() ? 0 : 1));
-    QStringList expected = status ? QStringList() : made.isEmpty() ? QStringList{"after"} : QStringList{"after", made};
-    QStringList present = QDir(m_scratch).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-    expected.sort();
-    present.sort();
-    QCOMPARE(present, expected);
-    QVERIFY(!QFileInfo::exists(QStringLiteral("/pwned")));
-    if (!status) {
-        QVERIFY2(!made.isEmpty() || result.err.contains(QLatin1String("veld-authhelper: refused: ")), qPrintable(result.err));
-        QCOMPARE(launches(m_dir.path()), 1);
-        return;
-    }
-    // The line of the refused right has no line break of its own.
-    const QString refused = QStringLiteral("AuthorizationCopyRights failed: status=%1").arg(status);
-    const int at = result.err.indexOf(refused);
-    QVERIFY2(at >= 0, qPrintable(result.err));
-    QVERIFY(result.err.mid(at + refused.size(), 1) != QLatin1String("\n"));
-    QVERIFY(result.err.contains(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0755\n "
-                                               "%1/g\n status=%2\n").arg(m_scratch).arg(status)));
-    QVERIFY(result.err.endsWith(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0700\n "
-                                               "%1\n status=%2\n").arg(after).arg(status)));
-}
-
-void tst_Authority::helperEndsWithClient_data()
-{
-    QTest::addColumn<bool>("killed");
-    QTest::newRow("freeAuthority") << false;
-    QTest::newRow("kill -9 of the client") << true;
-}
-
-void tst_Authority::helperEndsWithClient()
-{
-    REQUIRE_PRIVILEGED();
-    QFETCH(bool, killed);
-    QProcess client;
-    client.setProcessEnvironment(withLauncher(kHelper, m_dir.filePath("launch")));
-    const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
-    client.start(command.first(), command.mid(1));
-    const auto waitFor = [&](const char *text) {
-        QByteArray out;
-        while (!out.contains(text) && client.waitForReadyRead(60000))
-            out += client.readAllStandardOutput();
-        return out.contains(text);
-    };
-    QVERIFY(waitFor("waiting"));
-    const QList<pid_t> helpers = processesMentioning(kHelper);
-    QCOMPARE(helpers.size(), 2);   // the launcher and the helper
-    if (killed) {
-        ::kill(pid_t(client.processId()), SIGKILL);
-        QVERIFY(client.waitForFinished(60000));
-    } else {
-        client.write("\n");
-        QVERIFY(waitFor("free=0 ref=null"));
-    }
-    QVERIFY(allGone(helpers));
-    client.write("\n");
-    client.waitForFinished(5000);
-}
-
-// A process that already runs as root starts the helper itself: no launcher.
-// This helper's folder has no veld-defaults, so that tool cannot be started.
-void tst_Authority::directAsRoot()
-{
-    if (geteuid() != 0)
-        QSKIP("needs root");
-    const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
-    QVERIFY(writeFile(helper, fileBytes(kHelper), 0500));
-    const QString made = m_scratch + QStringLiteral("/r");
-    const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
-    const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
-                                             "3", "delete", "/nonexistent/d", "k", "free"},
-                                            withLauncher(helper, m_dir.filePath("launch")));
-    QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
-    QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
-    QVERIFY(result.err.endsWith(QLatin1String(" status=-60031\n")));
-    QVERIFY(QFileInfo(made).isDir());
-    QCOMPARE(QFileInfo(made).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
-    QCOMPARE(launches(m_dir.path()), 0);
-}
 
 QTEST_GUILESS_MAIN(tst_Authority)
 #include "tst_authority.moc"

@@ -54,178 +54,176 @@ class tst_Install : public QObject
 private slots:
     void initTestCase() { QVERIFY(inChild() || createCountingLauncher(m_dir.path())); }
     void cleanup() { QVERIFY(allGone(processesMentioning(VELD_AUTHHELPER))); }
-    void install_data();
-    void install();
+
+    void install_data()
+    {
+        QTest::addColumn<QString>("user");
+        QTest::addColumn<QString>("setup");       // shell commands preparing the wizard's mount namespace ("$1": the layout)
+        QTest::addColumn<QString>("place");       // the parent: the user's on "tmp" (the source's disk) or "shm", "root"'s
+                                                  // on shm, "small" (the layout's folder), "" (the default destination)
+        QTest::addColumn<int>("files");           // data files of 1000 bytes each
+        QTest::addColumn<int>("cancelAfter");     // click Cancel once that many are transferred, or 0
+        QTest::addColumn<QString>("outcome");     // the last page's title and text; "*" stands for any text
+        QTest::addColumn<QString>("arrived");     // "all", "none", "some", or those before "FILE" (unreadable) or the
+                                                  // "cut" in the scan's order
+        QTest::addColumn<int>("launches");
+        QTest::addColumn<bool>("preference");
+        QTest::addColumn<QStringList>("folders"); // the parent and the destination afterwards; %A: administrators' group
+
+        const QString installed = "Database Installed|The Quorvan Spectra and Properties Database is now ready for use.";
+        const QStringList admin{"veldadmin:veldadmin 755", "veldadmin:veldadmin 755"};
+        QTest::newRow("copy to another disk; rights asked for the preference only")
+            << "veldadmin" << "" << "shm" << 4 << 0 << installed << "all" << 1 << true << admin;
+        QTest::newRow("move on the same disk; one password in all")
+            << "veldadmin" << "" << "tmp" << 4 << 0 << installed << "all" << 1 << true << admin;
+        QTest::newRow("new folder in root's folder: made with rights, then the copy program's complaint")
+            << "veldadmin" << "" << "root" << 4 << 0
+            << "Database was not installed|Error message is:\n/bin/cp: cannot create regular file '@/VELDV400/d*.qventry': "
+               "Permission denied\n"
+            << "none" << 1 << false << QStringList{"root:root 755", "root:root 755"};
+        QTest::newRow("rights refused after the transfer: installed, no preference")
+            << "veldguest" << "" << "shm" << 4 << 0 << installed << "all" << 0 << false
+            << QStringList{"veldguest:veldguest 755", "veldguest:veldguest 755"};
+        QTest::newRow("a file that cannot be read stops the transfer")
+            << "veldadmin" << "" << "shm" << 6 << 0
+            << "Database was not installed|Error message is:\n/bin/cp: cannot open '#/d3.qventry' for reading: Permission "
+               "denied\n"
+            << "d3.qventry" << 0 << false << admin;
+        QTest::newRow("no data files") << "veldadmin" << "" << "shm" << 0 << 0 << "Database was not installed|The source "
+                                       "database data files couldn't be found." << "none" << 0 << false << admin;
+        // The program ends with status 0, no file is cut short, no copy program is left.
+        QTest::newRow("cancel during the transfer") << "veldadmin" << "" << "shm" << 30 << 20 << "" << "cut" << 0 << false << admin;
+        // The maker's folder on a disk of its own, made with rights; given to all administrators.
+        QTest::newRow("the maker's folder, made with rights")
+            << "veldadmin" << "mount -t tmpfs -o mode=0755 tmpfs /usr/local/share" << "" << 3 << 0 << installed
+            << "all" << 2 << true << QStringList{"root:%A 775", "veldadmin:%A 775"};
+        // 300 files of 1000 bytes fit the free space that df reports, but each takes a page.
+        QTest::newRow("the destination's disk fills up during the copy")
+            << "veldadmin" << "mount -t tmpfs -o size=1m,mode=1777 tmpfs \"$1/small\"" << "small" << 300 << 0
+            << "Database was not installed|Error message is:\n/bin/cp: *No space left on device\n" << "some" << 0 << false
+            << QStringList{"root:root 1777", "veldadmin:veldadmin 755"};
+    }
+
+    void install()
+    {
+        REQUIRE_PRIVILEGED();
+        QFETCH(QString, user);
+        QFETCH(QString, setup);
+        QFETCH(QString, place);
+        QFETCH(int, files);
+        QFETCH(int, cancelAfter);
+        QFETCH(QString, outcome);
+        QFETCH(QString, arrived);
+        QFETCH(int, launches);
+        QFETCH(bool, preference);
+        QFETCH(QStringList, folders);
+        const bool unreadable = arrived.endsWith(".qventry");
+
+        if (!inChild()) {
+            // The source: files in two folders, owned by the user, written out so that each takes room.
+            QTemporaryDir layout, destDisk(place == "tmp" ? m_dir.filePath("dest-XXXXXX") : scratchTemplate("tst_install"));
+            const QString source = layout.filePath("VELDV400");
+            for (const char *folder : {"VELDV400", "home", "small", "xdg"})
+                QVERIFY(QDir().mkpath(layout.filePath(folder)));
+            for (int i = 1; i <= files; ++i)
+                QVERIFY(writeFile(source + QStringLiteral("/sub%1/d%2.qventry").arg(i % 2).arg(i), QByteArray(1000, 'x'),
+                                  unreadable && arrived == QStringLiteral("d%1.qventry").arg(i) ? 0 : 0644));
+            QVERIFY(writeFile(source + "/readme.txt", "not data"));
+            QCOMPARE(runProcess({"chown", "-R", user + ':' + user, source, layout.filePath("home")}).exitCode, 0);
+            for (const QString &folder : {layout.path(), destDisk.path()})
+                QVERIFY(QFile::setPermissions(folder, QFileDevice::Permissions(0x7755)));
+            const QString parent = destDisk.filePath("parent");
+            QVERIFY(QDir().mkpath(parent));
+            QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : user + ':' + user, parent}).exitCode, 0);
+            QVERIFY(createCountingLauncher(m_dir.path()));
+            QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
+            env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
+            env.insert("XDG_CONFIG_HOME", layout.filePath("home"));
+            env.insert("HOME", layout.filePath("home"));
+            env.remove("XDG_RUNTIME_DIR");
+            env.insert("VELD_PARENT", place == "small" ? layout.filePath("small") : place.isEmpty() ? QString() : parent);
+            env.insert("VELD_LAUNCHES", m_dir.filePath("launches"));
+            runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_install"),
+                           {asUser(user), inPrivateMounts(setup.isEmpty() ? "true" : setup, {layout.path()})}, env});
+            return;
+        }
+
+        // The wizard, as the user, in the row's mount namespace.
+        const QString source = QDir::cleanPath(QString::fromStdString(GetInstallPath()) + "/../VELDV400");
+        const QString parent = qEnvironmentVariable("VELD_PARENT").isEmpty() ? QString::fromUtf8(kMakersFolder)
+                                                                             : qEnvironmentVariable("VELD_PARENT");
+        const QString dest = parent + "/VELDV400";
+        const QStringList all = dataFiles(source);
+        answerMessageBoxes(false);
+        auto owned = std::make_unique<VELD_Installer>();
+        VELD_Installer &wizard = *owned;
+        install_wizard = &wizard;
+        goToDestPage(wizard);
+        if (!place.isEmpty())
+            choose(wizard, parent);
+        QStringList order;   // of the scan
+        QStringList kept = all;   // at the source, for a copy
+        for (const QFileInfo &file : sResultList)
+            order << file.fileName();
+        // A cancelled transfer stops while the copy program reads a pipe that never ends in place of a file.
+        const QString gate = sResultList.value(cancelAfter).absoluteFilePath();
+        if (cancelAfter > 0) {
+            const QByteArray path = QFile::encodeName(gate);
+            QVERIFY(::unlink(path.constData()) == 0 && ::mkfifo(path.constData(), 0644) == 0);
+            const int pipe = ::open(path.constData(), O_RDWR);
+            QVERIFY(pipe >= 0 && ::write(pipe, "partial", 7) == 7);
+            kept.removeOne(QFileInfo(gate).fileName() + ":1000");
+        }
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+        QVERIFY2(wizard.currentId() == int(kConclusionPageId), qPrintable(wizard.currentPage()->subTitle()));
+        QWizardPage *page = wizard.currentPage();
+        QCOMPARE(sCopyFiles, place == "tmp");   // moved on the same disk
+        QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());
+        QVERIFY(!wizard.button(QWizard::FinishButton)->isEnabled());
+        auto *bar = page->findChild<QProgressBar *>();
+        if (cancelAfter > 0) {
+            QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + '/' + QFileInfo(gate).fileName()).size() == 7, 60000);
+            QCOMPARE(bar->value(), cancelAfter);
+            QVERIFY(!page->isComplete());
+            // As in the installer: the wizard closes, and then the program's end destroys it.
+            QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+            QVERIFY(!wizard.isVisible());
+        } else {
+            QTRY_VERIFY_WITH_TIMEOUT(page->isComplete(), 120000);
+            QVERIFY2(matchesGlob(page->title() + '|' + page->subTitle(),
+                                 QString(outcome).replace('@', parent).replace('#', source + "/sub1")),
+                     qPrintable(page->title() + '|' + page->subTitle()));
+            QVERIFY(bar->isHidden());
+            QVERIFY(wizard.button(QWizard::BackButton)->isEnabled());
+            QCOMPARE(wizard.field("path").toString(), dest);
+        }
+        owned.reset();
+
+        // No copy program outlives the installer; one password at most; the folders, files and preference left.
+        QCOMPARE(processesMentioning(source), QList<pid_t>());
+        QCOMPARE(fileBytes(qEnvironmentVariable("VELD_LAUNCHES")).count('\n'), launches);
+        QCOMPARE((QStringList{ownership(parent), ownership(dest)}),
+                 folders.replaceInStrings("%A", QString::fromLatin1(adminGroupName())));
+        QStringList arrivedFiles = QDir(dest).entryList(QDir::Files | QDir::Hidden);
+        for (QString &file : arrivedFiles)
+            file += ':' + QString::number(QFileInfo(dest + '/' + file).size());
+        arrivedFiles.sort();
+        if (unreadable || cancelAfter > 0) {
+            // Whole files, in the scan's order, up to the one that could not be read or was cut.
+            QStringList before = order.mid(0, cancelAfter > 0 ? cancelAfter : order.indexOf(arrived));
+            before.replaceInStrings(QRegularExpression("$"), ":1000").sort();
+            QCOMPARE(arrivedFiles, before);
+        } else if (arrived == "some") {
+            QVERIFY2(!arrivedFiles.isEmpty() && arrivedFiles.size() < files, qPrintable(arrivedFiles.join(' ')));
+        } else {
+            QCOMPARE(arrivedFiles, arrived == "all" ? all : QStringList());
+        }
+        QCOMPARE(dataFiles(source), sCopyFiles ? QStringList() : kept);
+        const QString prefFile = qEnvironmentVariable("XDG_CONFIG_DIRS") + '/' + kDomain + ".conf";
+        QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), preference ? dest.toUtf8() : QByteArray());
+        QCOMPARE(ownership(prefFile), preference ? "root:root 644" : "absent");
+    }
 };
-
-void tst_Install::install_data()
-{
-    QTest::addColumn<QString>("user");
-    QTest::addColumn<QString>("setup");       // shell commands preparing the wizard's mount namespace ("$1": the layout)
-    QTest::addColumn<QString>("place");       // the parent: the user's on "tmp" (the source's disk) or "shm", "root"'s
-                                              // on shm, "small" (the layout's folder), "" (the default destination)
-    QTest::addColumn<int>("files");           // data files of 1000 bytes each
-    QTest::addColumn<int>("cancelAfter");     // click Cancel once that many are transferred, or 0
-    QTest::addColumn<QString>("outcome");     // the last page's title and text; "*" stands for any text
-    QTest::addColumn<QString>("arrived");     // "all", "none", "some", or those before "FILE" (unreadable) or the
-                                              // "cut" in the scan's order
-    QTest::addColumn<int>("launches");
-    QTest::addColumn<bool>("preference");
-    QTest::addColumn<QStringList>("folders"); // the parent and the destination afterwards; %A: administrators' group
-
-    const QString installed = "Database Installed|The Quorvan Spectra and Properties Database is now ready for use.";
-    const QStringList admin{"veldadmin:veldadmin 755", "veldadmin:veldadmin 755"};
-    QTest::newRow("copy to another disk; rights asked for the preference only")
-        << "veldadmin" << "" << "shm" << 4 << 0 << installed << "all" << 1 << true << admin;
-    QTest::newRow("move on the same disk; one password in all")
-        << "veldadmin" << "" << "tmp" << 4 << 0 << installed << "all" << 1 << true << admin;
-    QTest::newRow("new folder in root's folder: made with rights, then the copy program's complaint")
-        << "veldadmin" << "" << "root" << 4 << 0
-        << "Database was not installed|Error message is:\n/bin/cp: cannot create regular file '@/VELDV400/d*.qventry': "
-           "Permission denied\n"
-        << "none" << 1 << false << QStringList{"root:root 755", "root:root 755"};
-    QTest::newRow("rights refused after the transfer: installed, no preference")
-        << "veldguest" << "" << "shm" << 4 << 0 << installed << "all" << 0 << false
-        << QStringList{"veldguest:veldguest 755", "veldguest:veldguest 755"};
-    QTest::newRow("a file that cannot be read stops the transfer")
-        << "veldadmin" << "" << "shm" << 6 << 0
-        << "Database was not installed|Error message is:\n/bin/cp: cannot open '#/d3.qventry' for reading: Permission "
-           "denied\n"
-        << "d3.qventry" << 0 << false << admin;
-    QTest::newRow("no data files") << "veldadmin" << "" << "shm" << 0 << 0 << "Database was not installed|The source "
-                                   "database data files couldn't be found." << "none" << 0 << false << admin;
-    // The program ends with status 0, no file is cut short, no copy program is left.
-    QTest::newRow("cancel during the transfer") << "veldadmin" << "" << "shm" << 30 << 20 << "" << "cut" << 0 << false << admin;
-    // The maker's folder on a disk of its own, made with rights; given to all administrators.
-    QTest::newRow("the maker's folder, made with rights")
-        << "veldadmin" << "mount -t tmpfs -o mode=0755 tmpfs /usr/local/share" << "" << 3 << 0 << installed
-        << "all" << 2 << true << QStringList{"root:%A 775", "veldadmin:%A 775"};
-    // 300 files of 1000 bytes fit the free space that df reports, but each takes a page.
-    QTest::newRow("the destination's disk fills up during the copy")
-        << "veldadmin" << "mount -t tmpfs -o size=1m,mode=1777 tmpfs \"$1/small\"" << "small" << 300 << 0
-        << "Database was not installed|Error message is:\n/bin/cp: *No space left on device\n" << "some" << 0 << false
-        << QStringList{"root:root 1777", "veldadmin:veldadmin 755"};
-}
-
-void tst_Install::install()
-{
-    REQUIRE_PRIVILEGED();
-    QFETCH(QString, user);
-    QFETCH(QString, setup);
-    QFETCH(QString, place);
-    QFETCH(int, files);
-    QFETCH(int, cancelAfter);
-    QFETCH(QString, outcome);
-    QFETCH(QString, arrived);
-    QFETCH(int, launches);
-    QFETCH(bool, preference);
-    QFETCH(QStringList, folders);
-    const bool unreadable = arrived.endsWith(".qventry");
-
-    if (!inChild()) {
-        // The source: files in two folders, owned by the user, written out so that each takes room.
-        QTemporaryDir layout, destDisk(place == "tmp" ? m_dir.filePath("dest-XXXXXX") : scratchTemplate("tst_install"));
-        const QString source = layout.filePath("VELDV400");
-        for (const char *folder : {"VELDV400", "home", "small", "xdg"})
-            QVERIFY(QDir().mkpath(layout.filePath(folder)));
-        for (int i = 1; i <= files; ++i)
-            QVERIFY(writeFile(source + QStringLiteral("/sub%1/d%2.qventry").arg(i % 2).arg(i), QByteArray(1000, 'x'),
-                              unreadable && arrived == QStringLiteral("d%1.qventry").arg(i) ? 0 : 0644));
-        QVERIFY(writeFile(source + "/readme.txt", "not data"));
-        QCOMPARE(runProcess({"chown", "-R", user + ':' + user, source, layout.filePath("home")}).exitCode, 0);
-        for (const QString &folder : {layout.path(), destDisk.path()})
-            QVERIFY(QFile::setPermissions(folder, QFileDevice::Permissions(0x7755)));
-        const QString parent = destDisk.filePath("parent");
-        QVERIFY(QDir().mkpath(parent));
-        QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : user + ':' + user, parent}).exitCode, 0);
-        QVERIFY(createCountingLauncher(m_dir.path()));
-        QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
-        env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
-        env.insert("XDG_CONFIG_HOME", layout.filePath("home"));
-        env.insert("HOME", layout.filePath("home"));
-        env.remove("XDG_RUNTIME_DIR");
-        env.insert("VELD_PARENT", place == "small" ? layout.filePath("small") : place.isEmpty() ? QString() : parent);
-        env.insert("VELD_LAUNCHES", m_dir.filePath("launches"));
-        runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_install"),
-                       {asUser(user), inPrivateMounts(setup.isEmpty() ? "true" : setup, {layout.path()})}, env});
-        return;
-    }
-
-    // The wizard, as the user, in the row's mount namespace.
-    const QString source = QDir::cleanPath(QString::fromStdString(GetInstallPath()) + "/../VELDV400");
-    const QString parent = qEnvironmentVariable("VELD_PARENT").isEmpty() ? QString::fromUtf8(kMakersFolder)
-                                                                         : qEnvironmentVariable("VELD_PARENT");
-    const QString dest = parent + "/VELDV400";
-    const QStringList all = dataFiles(source);
-    answerMessageBoxes(false);
-    auto owned = std::make_unique<VELD_Installer>();
-    VELD_Installer &wizard = *owned;
-    install_wizard = &wizard;
-    goToDestPage(wizard);
-    if (!place.isEmpty())
-        choose(wizard, parent);
-    QStringList order;   // of the scan
-    QStringList kept = all;   // at the source, for a copy
-    for (const QFileInfo &file : sResultList)
-        order << file.fileName();
-    // A cancelled transfer stops while the copy program reads a pipe that never ends in place of a file.
-    const QString gate = sResultList.value(cancelAfter).absoluteFilePath();
-    if (cancelAfter > 0) {
-        const QByteArray path = QFile::encodeName(gate);
-        QVERIFY(::unlink(path.constData()) == 0 && ::mkfifo(path.constData(), 0644) == 0);
-        const int pipe = ::open(path.constData(), O_RDWR);
-        QVERIFY(pipe >= 0 && ::write(pipe, "partial", 7) == 7);
-        kept.removeOne(QFileInfo(gate).fileName() + ":1000");
-    }
-    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
-    QVERIFY2(wizard.currentId() == int(kConclusionPageId), qPrintable(wizard.currentPage()->subTitle()));
-    QWizardPage *page = wizard.currentPage();
-    QCOMPARE(sCopyFiles, place == "tmp");   // moved on the same disk
-    QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());
-    QVERIFY(!wizard.button(QWizard::FinishButton)->isEnabled());
-    auto *bar = page->findChild<QProgressBar *>();
-    if (cancelAfter > 0) {
-        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + '/' + QFileInfo(gate).fileName()).size() == 7, 60000);
-        QCOMPARE(bar->value(), cancelAfter);
-        QVERIFY(!page->isComplete());
-        // As in the installer: the wizard closes, and then the program's end destroys it.
-        QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-        QVERIFY(!wizard.isVisible());
-    } else {
-        QTRY_VERIFY_WITH_TIMEOUT(page->isComplete(), 120000);
-        QVERIFY2(matchesGlob(page->title() + '|' + page->subTitle(),
-                             QString(outcome).replace('@', parent).replace('#', source + "/sub1")),
-                 qPrintable(page->title() + '|' + page->subTitle()));
-        QVERIFY(bar->isHidden());
-        QVERIFY(wizard.button(QWizard::BackButton)->isEnabled());
-        QCOMPARE(wizard.field("path").toString(), dest);
-    }
-    owned.reset();
-
-    // No copy program outlives the installer; one password at most; the folders, files and preference left.
-    QCOMPARE(processesMentioning(source), QList<pid_t>());
-    QCOMPARE(fileBytes(qEnvironmentVariable("VELD_LAUNCHES")).count('\n'), launches);
-    QCOMPARE((QStringList{ownership(parent), ownership(dest)}),
-             folders.replaceInStrings("%A", QString::fromLatin1(adminGroupName())));
-    QStringList arrivedFiles = QDir(dest).entryList(QDir::Files | QDir::Hidden);
-    for (QString &file : arrivedFiles)
-        file += ':' + QString::number(QFileInfo(dest + '/' + file).size());
-    arrivedFiles.sort();
-    if (unreadable || cancelAfter > 0) {
-        // Whole files, in the scan's order, up to the one that could not be read or was cut.
-        QStringList before = order.mid(0, cancelAfter > 0 ? cancelAfter : order.indexOf(arrived));
-        before.replaceInStrings(QRegularExpression("$"), ":1000").sort();
-        QCOMPARE(arrivedFiles, before);
-    } else if (arrived == "some") {
-        QVERIFY2(!arrivedFiles.isEmpty() && arrivedFiles.size() < files, qPrintable(arrivedFiles.join(' ')));
-    } else {
-        QCOMPARE(arrivedFiles, arrived == "all" ? all : QStringList());
-    }
-    QCOMPARE(dataFiles(source), sCopyFiles ? QStringList() : kept);
-    const QString prefFile = qEnvironmentVariable("XDG_CONFIG_DIRS") + '/' + kDomain + ".conf";
-    QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), preference ? dest.toUtf8() : QByteArray());
-    QCOMPARE(ownership(prefFile), preference ? "root:root 644" : "absent");
-}
 
 QTEST_MAIN(tst_Install)
 #include "tst_install.moc"

@@ -12,124 +12,118 @@ class tst_Log : public QObject
     Q_OBJECT
 
 private slots:
-    void fileStamp_data();
-    void fileStamp();
-    void dateStamps();
-    void runs_data();
-    void runs();
-};
-
-void tst_Log::fileStamp_data()
-{
-    QTest::addColumn<QByteArray>("stamp");
-    QTest::addColumn<QByteArray>("expected");
-    QTest::newRow("one-digit day") << QByteArray("Sun Nov  5 09:07:02 2026\n") << QByteArray("Sun_Nov__5_09_07_02_2026");
-    QTest::newRow("no newline") << QByteArray("Tue Dec 22 23:59:59 2026") << QByteArray("Tue_Dec_22_23_59_59_2026");
-    QTest::newRow("cut at first break") << QByteArray("a b\r\nc:d\n") << QByteArray("a_b");
-}
-
-void tst_Log::fileStamp()
-{
-    QFETCH(QByteArray, stamp);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(fileNameFromDateStamp(stamp.data()), stamp.data() + expected.size());
-    QCOMPARE(QByteArray(stamp.constData()), expected);
-}
-
-void tst_Log::dateStamps()
-{
-    char plain[64], mdac[64], file[64];
-    log_datestr(plain);
-    MDAC_log_datestr(mdac);
-    const char *end = datestr_file(file);
-    QCOMPARE(end, file + strlen(file));
-    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(kLogDateStampPattern)).match(mdac).hasMatch(), mdac);
-    // Up to the minute: the stamps may straddle a second.
-    QCOMPARE(QByteArray(file).left(16), QByteArray(plain).replace(' ', '_').replace(':', '_').left(16));
-}
-
-void tst_Log::runs_data()
-{
-    QTest::addColumn<QString>("executable");
-    QTest::addColumn<QStringList>("lines");   // "user:" or "system:" and a line of the log's domain
-    QTest::addColumn<QStringList>("calls");   // of the probe; %1 and %2: two log files, %3: one in a missing folder
-    QTest::addColumn<QString>("out");
-    QTest::addColumn<QString>("first");       // a pattern for what is added to %1, which held a line before
-    QTest::addColumn<QString>("second");      // and to %2
-
-    const passwd *pw = getpwuid(geteuid());
-    const QString user = QStringLiteral("Effective UID is %1 \"%2\"(%3)").arg(pw->pw_name, pw->pw_gecos).arg(pw->pw_uid);
-    const QString start = "---%1\\[(\\d+)\\] started---\n" + QRegularExpression::escape(user) + '\n';
-    // The messages' "[banner pid]" is the start line's; no blank before the date.
-    const QString line = "\\[%1 \\1\\]" + kLogDateStampPattern + ": %2\n";
-    const QString exe = "VELD Installer", key = "VELDInstaller_LogLocation=";
-    const QStringList hello{"should", "felog", "msg", "hello"};
-    const QString logged = start.arg("VELDInstaller") + line.arg("VELDInstaller", "hello");
-    const QString none = "should=0\nfelog=0\n", opened = "should=1\nfelog=1\n";
-    QTest::newRow("no preference") << exe << QStringList() << hello << none << "" << "";
-    QTest::newRow("per user") << exe << QStringList{"user:" + key + "\"%1\""} << hello << opened << logged << "";
-    QTest::newRow("user before system") << exe << QStringList{"user:" + key + "\"%1\"", "system:" + key + "\"%2\""}
-                                        << hello << opened << logged << "";
-    QTest::newRow("folder missing") << exe << QStringList{"user:" + key + "\"%3\""} << hello << "should=1\nfelog=0\n"
-                                    << "" << "";
-    QTest::newRow("apostrophes and blanks out of the key, other marks kept")
-        << "VELD In'staller-2.1_x" << QStringList{"user:VELDInstaller-2.1_x_LogLocation=\"%1\""} << hello << opened
-        << start.arg("VELDInstaller-2.1_x") + line.arg("VELDInstaller-2.1_x", "hello") << "";
-
-    QTest::newRow("second open keeps the first file")
-        << "probe" << QStringList() << QStringList{"open", "%1", "One", "open", "%2", "Two", "msg", "after"} << ""
-        << start.arg("One") + line.arg("One", "after") << "";
-    QTest::newRow("nothing before the open, formats after it")
-        << "probe" << QStringList()
-        << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"} << ""
-        << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three") << "";
-    QTest::newRow("replacing the stream: no banner")
-        << "probe" << QStringList() << QStringList{"open", "%1", "B", "macopen", "%2", "msg", "moved"} << "macopen=1\n"
-        << start.arg("B") << "\\[B \\d+\\]" + kLogDateStampPattern + ": moved\n";
-    QTest::newRow("transaction log from its key")
-        << "probe" << QStringList{"system:ExchangeLog=\"%1\""}
-        << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"} << ""
-        << start.arg("Exchange") + line.arg("Exchange", "done") << "";
-    // An unended message runs into the next line's prefix, which shows where it was cut.
-    QTest::newRow("message of 8192 bytes")
-        << "probe" << QStringList() << QStringList{"open", "%1", "B", "long", "8192", "msg", ""}
-        << "" << start.arg("B") + line.arg("B", "x{8191}").chopped(1) + line.arg("B", "") << "";
-}
-
-// The whole start (executable name to banner and key, preference to file, first
-// lines) and the calls after it. Log files are appended to, never truncated.
-void tst_Log::runs()
-{
-    QFETCH(QString, executable);
-    QFETCH(QStringList, lines);
-    QFETCH(QStringList, calls);
-    QFETCH(QString, out);
-    QFETCH(QString, first);
-    QFETCH(QString, second);
-    QTemporaryDir dir;
-    const QProcessEnvironment prefs = scratchPreferences(dir.path());
-    // The comma and the blank would split an unquoted preference value.
-    const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
-    for (int i = 0; i < 2; ++i)
-        QVERIFY(writeFile(files[i], "an earlier line\n"));
-    const auto placed = [&](QString text) { return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]); };
-    QStringList user, system;
-    for (const QString &pref : lines)
-        (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
-    for (QString &call : calls)
-        call = placed(call);
-    writePreferences(dir.path() + "/home/.config", "com.halvorn.Quorvan", user);
-    writePreferences(dir.path() + "/etc/xdg", "com.halvorn.Quorvan", system);
-    const QString probe = dir.filePath("bin/" + executable);
-    QVERIFY(writeFile(probe, fileBytes(VELD_SUPPORTPROBE), 0755));
-    const ProcessResult run = runProcess(QStringList{probe} + calls, prefs);
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, out);
-    for (int i = 0; i < 2; ++i) {
-        const QRegularExpression pattern(QRegularExpression::anchoredPattern("an earlier line\n" + (i ? second : first)));
-        QVERIFY2(pattern.match(fileText(files[i])).hasMatch(), qPrintable(fileText(files[i])));
+    void fileStamp_data()
+    {
+        QTest::addColumn<QByteArray>("stamp");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("one-digit day") << QByteArray("Sun Nov  5 09:07:02 2026\n") << QByteArray("Sun_Nov__5_09_07_02_2026");
+        QTest::newRow("no newline") << QByteArray("Tue Dec 22 23:59:59 2026") << QByteArray("Tue_Dec_22_23_59_59_2026");
+        QTest::newRow("cut at first break") << QByteArray("a b\r\nc:d\n") << QByteArray("a_b");
     }
-}
+
+    void fileStamp()
+    {
+        QFETCH(QByteArray, stamp);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(fileNameFromDateStamp(stamp.data()), stamp.data() + expected.size());
+        QCOMPARE(QByteArray(stamp.constData()), expected);
+    }
+
+    void dateStamps()
+    {
+        char plain[64], mdac[64], file[64];
+        log_datestr(plain);
+        MDAC_log_datestr(mdac);
+        const char *end = datestr_file(file);
+        QCOMPARE(end, file + strlen(file));
+        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(kLogDateStampPattern)).match(mdac).hasMatch(), mdac);
+        // Up to the minute: the stamps may straddle a second.
+        QCOMPARE(QByteArray(file).left(16), QByteArray(plain).replace(' ', '_').replace(':', '_').left(16));
+    }
+
+    void runs_data()
+    {
+        QTest::addColumn<QString>("executable");
+        QTest::addColumn<QStringList>("lines");   // "user:" or "system:" and a line of the log's domain
+        QTest::addColumn<QStringList>("calls");   // of the probe; %1 and %2: two log files, %3: one in a missing folder
+        QTest::addColumn<QString>("out");
+        QTest::addColumn<QString>("first");       // a pattern for what is added to %1, which held a line before
+        QTest::addColumn<QString>("second");      // and to %2
+
+        const passwd *pw = getpwuid(geteuid());
+        const QString user = QStringLiteral("Effective UID is %1 \"%2\"(%3)").arg(pw->pw_name, pw->pw_gecos).arg(pw->pw_uid);
+        const QString start = "---%1\\[(\\d+)\\] started---\n" + QRegularExpression::escape(user) + '\n';
+        // The messages' "[banner pid]" is the start line's; no blank before the date.
+        const QString line = "\\[%1 \\1\\]" + kLogDateStampPattern + ": %2\n";
+        const QString exe = "VELD Installer", key = "VELDInstaller_LogLocation=";
+        const QStringList hello{"should", "felog", "msg", "hello"};
+        const QString logged = start.arg("VELDInstaller") + line.arg("VELDInstaller", "hello");
+        const QString none = "should=0\nfelog=0\n", opened = "should=1\nfelog=1\n";
+        QTest::newRow("no preference") << exe << QStringList() << hello << none << "" << "";
+        QTest::newRow("per user") << exe << QStringList{"user:" + key + "\"%1\""} << hello << opened << logged << "";
+        QTest::newRow("user before system") << exe << QStringList{"user:" + key + "\"%1\"", "system:" + key + "\"%2\""}
+                                            << hello << opened << logged << "";
+        QTest::newRow("folder missing") << exe << QStringList{"user:" + key + "\"%3\""} << hello << "should=1\nfelog=0\n"
+                                        << "" << "";
+        QTest::newRow("apostrophes and blanks out of the key, other marks kept")
+            << "VELD In'staller-2.1_x" << QStringList{"user:VELDInstaller-2.1_x_LogLocation=\"%1\""} << hello << opened
+            << start.arg("VELDInstaller-2.1_x") + line.arg("VELDInstaller-2.1_x", "hello") << "";
+
+        QTest::newRow("second open keeps the first file")
+            << "probe" << QStringList() << QStringList{"open", "%1", "One", "open", "%2", "Two", "msg", "after"} << ""
+            << start.arg("One") + line.arg("One", "after") << "";
+        QTest::newRow("nothing before the open, formats after it")
+            << "probe" << QStringList()
+            << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"} << ""
+            << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three") << "";
+        QTest::newRow("replacing the stream: no banner")
+            << "probe" << QStringList() << QStringList{"open", "%1", "B", "macopen", "%2", "msg", "moved"} << "macopen=1\n"
+            << start.arg("B") << "\\[B \\d+\\]" + kLogDateStampPattern + ": moved\n";
+        QTest::newRow("transaction log from its key")
+            << "probe" << QStringList{"system:ExchangeLog=\"%1\""}
+            << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"} << ""
+            << start.arg("Exchange") + line.arg("Exchange", "done") << "";
+        // An unended message runs into the next line's prefix, which shows where it was cut.
+        QTest::newRow("message of 8192 bytes")
+            << "probe" << QStringList() << QStringList{"open", "%1", "B", "long", "8192", "msg", ""}
+            << "" << start.arg("B") + line.arg("B", "x{8191}").chopped(1) + line.arg("B", "") << "";
+    }
+
+    // The whole start (executable name to banner and key, preference to file, first
+    // lines) and the calls after it. Log files are appended to, never truncated.
+    void runs()
+    {
+        QFETCH(QString, executable);
+        QFETCH(QStringList, lines);
+        QFETCH(QStringList, calls);
+        QFETCH(QString, out);
+        QFETCH(QString, first);
+        QFETCH(QString, second);
+        QTemporaryDir dir;
+        const QProcessEnvironment prefs = scratchPreferences(dir.path());
+        // The comma and the blank would split an unquoted preference value.
+        const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
+        for (int i = 0; i < 2; ++i)
+            QVERIFY(writeFile(files[i], "an earlier line\n"));
+        const auto placed = [&](QString text) { return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]); };
+        QStringList user, system;
+        for (const QString &pref : lines)
+            (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
+        for (QString &call : calls)
+            call = placed(call);
+        writePreferences(dir.path() + "/home/.config", "com.halvorn.Quorvan", user);
+        writePreferences(dir.path() + "/etc/xdg", "com.halvorn.Quorvan", system);
+        const QString probe = dir.filePath("bin/" + executable);
+        QVERIFY(writeFile(probe, fileBytes(VELD_SUPPORTPROBE), 0755));
+        const ProcessResult run = runProcess(QStringList{probe} + calls, prefs);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, out);
+        for (int i = 0; i < 2; ++i) {
+            const QRegularExpression pattern(QRegularExpression::anchoredPattern("an earlier line\n" + (i ? second : first)));
+            QVERIFY2(pattern.match(fileText(files[i])).hasMatch(), qPrintable(fileText(files[i])));
+        }
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_Log)
 #include "tst_log.moc"

@@ -27,20 +27,258 @@ class tst_PrefStore : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void macRomanEveryByte();
-    void readers_data();
-    void readers();
-    void unreadableFiles();
-    void localWrite_data();
-    void localWrite();
-    void refusedWrites();
-    void globalWrite_data();
-    void globalWrite();
-    void defaultsTool_data();
-    void defaultsTool();
-    void readersNeverSeeHalfAFile();
-    void failedWriteKeepsOldFile();
+    void init()
+    {
+        if (inChild())
+            return;
+        m_dir.reset(new QTemporaryDir);
+        m_env = scratchPreferences(m_dir->path());
+        m_user = m_dir->path() + "/home/.config";
+        m_system = m_dir->path() + "/etc/xdg";
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_user));
+        qputenv("XDG_CONFIG_DIRS", QFile::encodeName(m_system));
+        QVERIFY(QFile::setPermissions(m_dir->path(), QFileDevice::Permissions(0x7755)));
+    }
+
+    // Every byte above 0x7F stands for one character, and comes back from it; null reads as empty.
+    void macRomanEveryByte()
+    {
+        QByteArray upper;
+        for (int b = 0x80; b <= 0xff; ++b)
+            upper.append(char(b));
+        const QString decoded = textFromMacRoman(upper.constData());
+        QCOMPARE(decoded.size(), 128);
+        QCOMPARE(macRomanFromText(decoded, 4096), upper);
+        QCOMPARE(textFromMacRoman(nullptr), QString());
+    }
+
+    void readers_data()
+    {
+        QTest::addColumn<QStringList>("user");     // the lines of the files; none: no file
+        QTest::addColumn<QStringList>("system");
+        QTest::addColumn<QByteArray>("local");     // Mac Roman bytes
+        QTest::addColumn<QByteArray>("global");
+        QTest::addColumn<QByteArray>("any");
+
+        const QString key = QStringLiteral("VELDFullDatabasePath=");
+        const QStringList none, u{key + "/u"}, s{key + "/s"};
+        const QByteArray U("/u"), S("/s"), empty, commas("/a,b"), fits(4095, 'x');
+        QTest::newRow("both: the user's wins locally, global wins for any") << u << s << U << S << S;
+        QTest::newRow("user only") << u << none << U << empty << U;
+        QTest::newRow("user's file without the key") << QStringList{"Other=/u"} << s << S << S << S;
+        QTest::newRow("user's empty value hides the system's locally") << QStringList{key} << s << empty << S << S;
+        QTest::newRow("commas written by hand") << QStringList{key + "/a,b"} << none << commas << empty << commas;
+        QTest::newRow("corrupt user file is passed over") << QStringList{"[Gen", "\x01\x02 " + key + "/u"} << s << S << S << S;
+        // é ü € Ω and the apple are in Mac Roman; 日 and ž are not.
+        const QByteArray roman("/caf\x8e \x9f\xdb\xbd\xf0 ??");
+        const QStringList escaped{key + R"("/caf\xe9 \xfc\x20ac\x3a9\xf8ff \x65e5\x17e")"};
+        QTest::newRow("escaped non-ASCII in Mac Roman") << none << escaped << roman << roman << roman;
+        QTest::newRow("4095 bytes fit with the terminator") << none << QStringList{key + fits} << fits << fits << fits;
+        QTest::newRow("4096 do not") << none << QStringList{key + fits + 'x'} << empty << empty << empty;
+    }
+
+    void readers()
+    {
+        QFETCH(QStringList, user);
+        QFETCH(QStringList, system);
+        QFETCH(QByteArray, local);
+        QFETCH(QByteArray, global);
+        QFETCH(QByteArray, any);
+        write(m_user, user);
+        write(m_system, system);
+        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
+        QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
+        QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
+        QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), any);
+        QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
+    }
+
+    // A file that is a folder, or one that cannot be read, reads as empty: the
+    // latter as an ordinary user, for whom permissions hold.
+    void unreadableFiles()
+    {
+        if (!inChild()) {
+            write(m_system, {"VELDFullDatabasePath=/s"});
+            QVERIFY(QDir().mkpath(domainFile(m_user)));
+            QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
+            QVERIFY(QFile::setPermissions(domainFile(m_system), QFileDevice::Permissions()));
+            runRowInChild({QString(), {asOrdinaryUser()}, m_env});
+            return;
+        }
+        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray());
+    }
+
+    void localWrite_data()
+    {
+        QTest::addColumn<QByteArray>("value");   // Mac Roman bytes; "-": null
+        QTest::addColumn<QString>("text");       // what the file holds; null: no value
+        QTest::newRow("blanks, = and line breaks") << QByteArray("  a=b = c \none\r\n\ttwo ") << "  a=b = c \none\r\n\ttwo ";
+        const char *marks = "a,b;c#d \"q\" \\n \\x41 @String(x) @Variant(y) [General]";
+        QTest::newRow("list, comment, quote and section marks") << QByteArray(marks) << marks;
+        QTest::newRow("Mac Roman letters") << QByteArray("caf\x8e \x9f\xdb\xbd\xf0") << QString::fromUtf8("café ü€Ω\uF8FF");
+        QTest::newRow("null removes") << QByteArray("-") << QString();
+        QTest::newRow("empty removes") << QByteArray("") << QString();
+    }
+
+    // Over the user's value and another key, with a system-wide value that a removal uncovers.
+    void localWrite()
+    {
+        QFETCH(QByteArray, value);
+        QFETCH(QString, text);
+        write(m_user, {"Other=kept", "VELDFullDatabasePath=/u"});
+        write(m_system, {"VELDFullDatabasePath=/s"});
+        QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
+        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
+        QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
+        QCOMPARE(QSettings(domainFile(m_user), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
+        QCOMPARE(ownership(domainFile(m_user)).section(' ', 1), "644");
+    }
+
+    void refusedWrites()
+    {
+        // Without an authority nothing is run or written.
+        QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), "/x", nullptr));
+        QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
+        QVERIFY(QDir(m_system).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+        // A per-user folder that is a file cannot be written.
+        qputenv("XDG_CONFIG_HOME", VELD_SUPPORTPROBE);
+        QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
+    }
+
+    void globalWrite_data()
+    {
+        QTest::addColumn<QString>("domain");
+        QTest::addColumn<QString>("value");        // as the installer passes it: UTF-8
+        QTest::addColumn<QString>("fileName");     // where it lands
+        QTest::addColumn<QByteArray>("readBack");  // the global reader's Mac Roman bytes
+        const QString path = QStringLiteral("/usr/local/share/Halvornworks/VELDV400");
+        QTest::newRow("the installer's setting") << kDomain << path << kDomain + ".conf" << path.toLatin1();
+        QTest::newRow("non-ASCII value") << kDomain << QString::fromUtf8("/Volumes/Café 日") << kDomain + ".conf"
+                                         << QByteArray("/Volumes/Caf\x8e ?");
+        // The target follows the lossy conversion, so the reader, which names the file after
+        // the domain itself, does not find it.
+        QTest::newRow("domain outside Mac Roman") << QString::fromUtf8("com.halvorn.日本") << "/x" << "com.halvorn.??.conf"
+                                                  << QByteArray();
+    }
+
+    // As veldadmin through sudo, into root's folder: a write, then both forms of delete.
+    void globalWrite()
+    {
+        REQUIRE_PRIVILEGED();
+        QFETCH(QString, domain);
+        QFETCH(QString, value);
+        QFETCH(QString, fileName);
+        QFETCH(QByteArray, readBack);
+        if (!inChild()) {
+            QTemporaryDir dir;
+            QVERIFY(createCountingLauncher(dir.path()));
+            for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
+                QVERIFY(QFile::setPermissions(m_dir->path() + folder, QFileDevice::Permissions(0x7755)));
+            runRowInChild({QString(), {asUser("veldadmin")}, withLauncher(VELD_AUTHHELPER, dir.filePath("launch"), m_env)});
+            QCOMPARE(launches(dir.path()), 1);
+            const QString written = m_system + '/' + fileName;
+            QCOMPARE(ownership(written), "root:root 644");
+            QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
+            return;
+        }
+        const QByteArray key = kKey.toLatin1();
+        QVERIFY(createAuthority(&gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), value.toUtf8().constData(), gMacAuthorizationRef));
+        QCOMPARE(MacReadGlobalDefaultSetting(domain, kKey), readBack);
+        QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), nullptr, gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "kept", gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "", gMacAuthorizationRef));
+        freeAuthority(&gMacAuthorizationRef);
+    }
+
+    void defaultsTool_data()
+    {
+        QTest::addColumn<QString>("script");   // "$1" the tool, "$2" a folder holding d.conf with K=old
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message");  // the start of what it says, or nothing
+        QTest::addColumn<QString>("keys");     // K and L afterwards; "unchanged": d.conf as it was
+
+        const QString same = QStringLiteral("unchanged");
+        QTest::newRow("write under umask 077 still gives 0644")
+            << R"(umask 077; "$1" write "$2/d" K new && stat -c %a "$2/d.conf" >&2)" << 0 << "644" << "new,";
+        QTest::newRow("write and delete keep the other keys") << R"("$1" write "$2/d" L two && "$1" delete "$2/d" L)" << 0
+                                                              << "" << "old,";
+        QTest::newRow("delete from a missing file makes none")
+            << R"("$1" delete "$2/none" K && test ! -e "$2/none.conf")" << 0 << "" << same;
+        QTest::newRow("no arguments") << R"("$1")" << 2 << "usage: veld-defaults write TARGET KEY VALUE" << same;
+        QTest::newRow("another verb") << R"("$1" read "$2/d" K)" << 2 << "usage:" << same;
+        QTest::newRow("write without a value") << R"("$1" write "$2/d" K)" << 2 << "usage:" << same;
+        QTest::newRow("a relative target") << R"(cd "$2" && "$1" write d K new)" << 2
+                                           << "veld-defaults: the target must be an absolute path: d" << same;
+        QTest::newRow("an empty key") << R"("$1" write "$2/d" '' new)" << 2 << "veld-defaults: the key is empty" << same;
+        QTest::newRow("a value that is not UTF-8") << R"x("$1" write "$2/d" K "$(printf 'caf\216')")x" << 2
+                                                   << "veld-defaults: the value is not UTF-8 text" << same;
+        QTest::newRow("a folder where the file goes") << R"(mkdir "$2/f.conf" && "$1" write "$2/f" K new)" << 1
+                                                      << "veld-defaults: $2/f.conf: not a regular file" << same;
+        QTest::newRow("a symbolic link is not followed") << R"(ln -s d.conf "$2/l.conf" && "$1" write "$2/l" K new)" << 1
+                                                         << "veld-defaults: $2/l.conf: not a regular file" << same;
+        QTest::newRow("a corrupt file is left as it is")
+            << R"(printf '[Gen\n\001 K=v' > "$2/c.conf" && cp "$2/c.conf" "$2/c.copy" && "$1" write "$2/c" K new; )"
+               R"(s=$?; cmp -s "$2/c.conf" "$2/c.copy" && exit $s)"
+            << 1 << "veld-defaults: $2/c.conf: not a preference file in INI form" << same;
+        QTest::newRow("a missing folder") << R"("$1" write "$2/none/d" K new)" << 1
+                                          << "veld-defaults: cannot create a file in $2/none: No such file" << same;
+    }
+
+    void defaultsTool()
+    {
+        QFETCH(QString, script);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        QFETCH(QString, keys);
+        const QString folder = m_system;
+        const QString file = folder + QStringLiteral("/d.conf");
+        QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", folder).exitCode, 0);
+        const QByteArray before = fileBytes(file);
+
+        const ProcessResult result = runDefaultsScript(script, folder);
+        QCOMPARE(result.exitCode, exitCode);
+        if (message.isEmpty())
+            QCOMPARE(result.err, QString());
+        else
+            QVERIFY2(result.err.startsWith(QString(message).replace(QLatin1String("$2"), folder)), qPrintable(result.err));
+        const QSettings after(file, QSettings::IniFormat);
+        if (keys == QLatin1String("unchanged"))
+            QCOMPARE(fileBytes(file), before);
+        else
+            QCOMPARE(after.value("K").toString() + ',' + after.value("L").toString(), keys);
+        // No file of the tool's own is left beside the preferences.
+        QCOMPARE(QDir(folder).entryList({".veld-defaults*"}, QDir::AllEntries | QDir::Hidden), QStringList());
+    }
+
+    // A value is replaced by a whole new file put in the old one's place: a reader
+    // that opened the file before reads the whole old one, a later reader the whole new one.
+    void readersNeverSeeHalfAFile()
+    {
+        const QString folder = m_system;
+        const QString file = folder + QStringLiteral("/d.conf");
+        const QByteArray big(60000, 'v');
+        QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode, 0);
+        QFile reader(file);
+        QVERIFY(reader.open(QIODevice::ReadOnly));
+        QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "1", folder).exitCode, 0);
+        QCOMPARE(reader.readAll(), "[General]\nK=" + big + "0\n");
+        QCOMPARE(fileBytes(file), "[General]\nK=" + big + "1\n");
+    }
+
+    // On a file system that fills up during the write, the old file stays whole and nothing is left beside it.
+    void failedWriteKeepsOldFile()
+    {
+        const QString script = QStringLiteral(
+            "\"$1\" write \"$2/d\" K old && dd if=/dev/zero of=\"$2/fill\" bs=4k count=56 2>/dev/null; "
+            "\"$1\" write \"$2/d\" K \"$3\"; echo \"exit=$?\"; cat \"$2/d.conf\"; ls -A \"$2\"");
+        QTemporaryDir dir;
+        const ProcessResult result = runProcess(wrapped({"sh", "-c", script, "sh", kDefaults, dir.path(), QString(100000, 'n')},
+                                                        {inPrivateMounts("mount -t tmpfs -o size=256k tmpfs \"$1\"", {dir.path()})}));
+        QCOMPARE(result.out, QStringLiteral("exit=1\n[General]\nK=old\nd.conf\nfill\n"));
+        QVERIFY2(result.err.startsWith(QStringLiteral("veld-defaults: cannot write the new %1/d.conf").arg(dir.path())),
+                 qPrintable(result.err));
+    }
 
 private:
     void write(const QString &folder, const QStringList &lines)
@@ -55,259 +293,6 @@ private:
     QProcessEnvironment m_env;
     QString m_user, m_system;   // the preference folders per user and system-wide
 };
-
-void tst_PrefStore::init()
-{
-    if (inChild())
-        return;
-    m_dir.reset(new QTemporaryDir);
-    m_env = scratchPreferences(m_dir->path());
-    m_user = m_dir->path() + "/home/.config";
-    m_system = m_dir->path() + "/etc/xdg";
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_user));
-    qputenv("XDG_CONFIG_DIRS", QFile::encodeName(m_system));
-    QVERIFY(QFile::setPermissions(m_dir->path(), QFileDevice::Permissions(0x7755)));
-}
-
-// Every byte above 0x7F stands for one character, and comes back from it; null reads as empty.
-void tst_PrefStore::macRomanEveryByte()
-{
-    QByteArray upper;
-    for (int b = 0x80; b <= 0xff; ++b)
-        upper.append(char(b));
-    const QString decoded = textFromMacRoman(upper.constData());
-    QCOMPARE(decoded.size(), 128);
-    QCOMPARE(macRomanFromText(decoded, 4096), upper);
-    QCOMPARE(textFromMacRoman(nullptr), QString());
-}
-
-void tst_PrefStore::readers_data()
-{
-    QTest::addColumn<QStringList>("user");     // the lines of the files; none: no file
-    QTest::addColumn<QStringList>("system");
-    QTest::addColumn<QByteArray>("local");     // Mac Roman bytes
-    QTest::addColumn<QByteArray>("global");
-    QTest::addColumn<QByteArray>("any");
-
-    const QString key = QStringLiteral("VELDFullDatabasePath=");
-    const QStringList none, u{key + "/u"}, s{key + "/s"};
-    const QByteArray U("/u"), S("/s"), empty, commas("/a,b"), fits(4095, 'x');
-    QTest::newRow("both: the user's wins locally, global wins for any") << u << s << U << S << S;
-    QTest::newRow("user only") << u << none << U << empty << U;
-    QTest::newRow("user's file without the key") << QStringList{"Other=/u"} << s << S << S << S;
-    QTest::newRow("user's empty value hides the system's locally") << QStringList{key} << s << empty << S << S;
-    QTest::newRow("commas written by hand") << QStringList{key + "/a,b"} << none << commas << empty << commas;
-    QTest::newRow("corrupt user file is passed over") << QStringList{"[Gen", "\x01\x02 " + key + "/u"} << s << S << S << S;
-    // é ü € Ω and the apple are in Mac Roman; 日 and ž are not.
-    const QByteArray roman("/caf\x8e \x9f\xdb\xbd\xf0 ??");
-    const QStringList escaped{key + R"("/caf\xe9 \xfc\x20ac\x3a9\xf8ff \x65e5\x17e")"};
-    QTest::newRow("escaped non-ASCII in Mac Roman") << none << escaped << roman << roman << roman;
-    QTest::newRow("4095 bytes fit with the terminator") << none << QStringList{key + fits} << fits << fits << fits;
-    QTest::newRow("4096 do not") << none << QStringList{key + fits + 'x'} << empty << empty << empty;
-}
-
-void tst_PrefStore::readers()
-{
-    QFETCH(QStringList, user);
-    QFETCH(QStringList, system);
-    QFETCH(QByteArray, local);
-    QFETCH(QByteArray, global);
-    QFETCH(QByteArray, any);
-    write(m_user, user);
-    write(m_system, system);
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
-    QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
-    QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
-    QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), any);
-    QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
-}
-
-// A file that is a folder, or one that cannot be read, reads as empty: the
-// latter as an ordinary user, for whom permissions hold.
-void tst_PrefStore::unreadableFiles()
-{
-    if (!inChild()) {
-        write(m_system, {"VELDFullDatabasePath=/s"});
-        QVERIFY(QDir().mkpath(domainFile(m_user)));
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray("/s"));
-        QVERIFY(QFile::setPermissions(domainFile(m_system), QFileDevice::Permissions()));
-        runRowInChild({QString(), {asOrdinaryUser()}, m_env});
-        return;
-    }
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), QByteArray());
-}
-
-void tst_PrefStore::localWrite_data()
-{
-    QTest::addColumn<QByteArray>("value");   // Mac Roman bytes; "-": null
-    QTest::addColumn<QString>("text");       // what the file holds; null: no value
-    QTest::newRow("blanks, = and line breaks") << QByteArray("  a=b = c \none\r\n\ttwo ") << "  a=b = c \none\r\n\ttwo ";
-    const char *marks = "a,b;c#d \"q\" \\n \\x41 @String(x) @Variant(y) [General]";
-    QTest::newRow("list, comment, quote and section marks") << QByteArray(marks) << marks;
-    QTest::newRow("Mac Roman letters") << QByteArray("caf\x8e \x9f\xdb\xbd\xf0") << QString::fromUtf8("café ü€Ω\uF8FF");
-    QTest::newRow("null removes") << QByteArray("-") << QString();
-    QTest::newRow("empty removes") << QByteArray("") << QString();
-}
-
-// Over the user's value and another key, with a system-wide value that a removal uncovers.
-void tst_PrefStore::localWrite()
-{
-    QFETCH(QByteArray, value);
-    QFETCH(QString, text);
-    write(m_user, {"Other=kept", "VELDFullDatabasePath=/u"});
-    write(m_system, {"VELDFullDatabasePath=/s"});
-    QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
-    QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-    QCOMPARE(QSettings(domainFile(m_user), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
-    QCOMPARE(ownership(domainFile(m_user)).section(' ', 1), "644");
-}
-
-void tst_PrefStore::refusedWrites()
-{
-    // Without an authority nothing is run or written.
-    QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), "/x", nullptr));
-    QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
-    QVERIFY(QDir(m_system).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
-    // A per-user folder that is a file cannot be written.
-    qputenv("XDG_CONFIG_HOME", VELD_SUPPORTPROBE);
-    QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
-}
-
-void tst_PrefStore::globalWrite_data()
-{
-    QTest::addColumn<QString>("domain");
-    QTest::addColumn<QString>("value");        // as the installer passes it: UTF-8
-    QTest::addColumn<QString>("fileName");     // where it lands
-    QTest::addColumn<QByteArray>("readBack");  // the global reader's Mac Roman bytes
-    const QString path = QStringLiteral("/usr/local/share/Halvornworks/VELDV400");
-    QTest::newRow("the installer's setting") << kDomain << path << kDomain + ".conf" << path.toLatin1();
-    QTest::newRow("non-ASCII value") << kDomain << QString::fromUtf8("/Volumes/Café 日") << kDomain + ".conf"
-                                     << QByteArray("/Volumes/Caf\x8e ?");
-    // The target follows the lossy conversion, so the reader, which names the file after
-    // the domain itself, does not find it.
-    QTest::newRow("domain outside Mac Roman") << QString::fromUtf8("com.halvorn.日本") << "/x" << "com.halvorn.??.conf"
-                                              << QByteArray();
-}
-
-// As veldadmin through sudo, into root's folder: a write, then both forms of delete.
-void tst_PrefStore::globalWrite()
-{
-    REQUIRE_PRIVILEGED();
-    QFETCH(QString, domain);
-    QFETCH(QString, value);
-    QFETCH(QString, fileName);
-    QFETCH(QByteArray, readBack);
-    if (!inChild()) {
-        QTemporaryDir dir;
-        QVERIFY(createCountingLauncher(dir.path()));
-        for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
-            QVERIFY(QFile::setPermissions(m_dir->path() + folder, QFileDevice::Permissions(0x7755)));
-        runRowInChild({QString(), {asUser("veldadmin")}, withLauncher(VELD_AUTHHELPER, dir.filePath("launch"), m_env)});
-        QCOMPARE(launches(dir.path()), 1);
-        const QString written = m_system + '/' + fileName;
-        QCOMPARE(ownership(written), "root:root 644");
-        QCOMPARE(QSettings(written, QSettings::IniFormat).allKeys(), QStringList());
-        return;
-    }
-    const QByteArray key = kKey.toLatin1();
-    QVERIFY(createAuthority(&gMacAuthorizationRef));
-    QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), value.toUtf8().constData(), gMacAuthorizationRef));
-    QCOMPARE(MacReadGlobalDefaultSetting(domain, kKey), readBack);
-    QVERIFY(MacWriteGlobalDefaultSetting(domain, key.constData(), nullptr, gMacAuthorizationRef));
-    QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "kept", gMacAuthorizationRef));
-    QVERIFY(MacWriteGlobalDefaultSetting(domain, "Other", "", gMacAuthorizationRef));
-    freeAuthority(&gMacAuthorizationRef);
-}
-
-void tst_PrefStore::defaultsTool_data()
-{
-    QTest::addColumn<QString>("script");   // "$1" the tool, "$2" a folder holding d.conf with K=old
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("message");  // the start of what it says, or nothing
-    QTest::addColumn<QString>("keys");     // K and L afterwards; "unchanged": d.conf as it was
-
-    const QString same = QStringLiteral("unchanged");
-    QTest::newRow("write under umask 077 still gives 0644")
-        << R"(umask 077; "$1" write "$2/d" K new && stat -c %a "$2/d.conf" >&2)" << 0 << "644" << "new,";
-    QTest::newRow("write and delete keep the other keys") << R"("$1" write "$2/d" L two && "$1" delete "$2/d" L)" << 0
-                                                          << "" << "old,";
-    QTest::newRow("delete from a missing file makes none")
-        << R"("$1" delete "$2/none" K && test ! -e "$2/none.conf")" << 0 << "" << same;
-    QTest::newRow("no arguments") << R"("$1")" << 2 << "usage: veld-defaults write TARGET KEY VALUE" << same;
-    QTest::newRow("another verb") << R"("$1" read "$2/d" K)" << 2 << "usage:" << same;
-    QTest::newRow("write without a value") << R"("$1" write "$2/d" K)" << 2 << "usage:" << same;
-    QTest::newRow("a relative target") << R"(cd "$2" && "$1" write d K new)" << 2
-                                       << "veld-defaults: the target must be an absolute path: d" << same;
-    QTest::newRow("an empty key") << R"("$1" write "$2/d" '' new)" << 2 << "veld-defaults: the key is empty" << same;
-    QTest::newRow("a value that is not UTF-8") << R"x("$1" write "$2/d" K "$(printf 'caf\216')")x" << 2
-                                               << "veld-defaults: the value is not UTF-8 text" << same;
-    QTest::newRow("a folder where the file goes") << R"(mkdir "$2/f.conf" && "$1" write "$2/f" K new)" << 1
-                                                  << "veld-defaults: $2/f.conf: not a regular file" << same;
-    QTest::newRow("a symbolic link is not followed") << R"(ln -s d.conf "$2/l.conf" && "$1" write "$2/l" K new)" << 1
-                                                     << "veld-defaults: $2/l.conf: not a regular file" << same;
-    QTest::newRow("a corrupt file is left as it is")
-        << R"(printf '[Gen\n\001 K=v' > "$2/c.conf" && cp "$2/c.conf" "$2/c.copy" && "$1" write "$2/c" K new; )"
-           R"(s=$?; cmp -s "$2/c.conf" "$2/c.copy" && exit $s)"
-        << 1 << "veld-defaults: $2/c.conf: not a preference file in INI form" << same;
-    QTest::newRow("a missing folder") << R"("$1" write "$2/none/d" K new)" << 1
-                                      << "veld-defaults: cannot create a file in $2/none: No such file" << same;
-}
-
-void tst_PrefStore::defaultsTool()
-{
-    QFETCH(QString, script);
-    QFETCH(int, exitCode);
-    QFETCH(QString, message);
-    QFETCH(QString, keys);
-    const QString folder = m_system;
-    const QString file = folder + QStringLiteral("/d.conf");
-    QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", folder).exitCode, 0);
-    const QByteArray before = fileBytes(file);
-
-    const ProcessResult result = runDefaultsScript(script, folder);
-    QCOMPARE(result.exitCode, exitCode);
-    if (message.isEmpty())
-        QCOMPARE(result.err, QString());
-    else
-        QVERIFY2(result.err.startsWith(QString(message).replace(QLatin1String("$2"), folder)), qPrintable(result.err));
-    const QSettings after(file, QSettings::IniFormat);
-    if (keys == QLatin1String("unchanged"))
-        QCOMPARE(fileBytes(file), before);
-    else
-        QCOMPARE(after.value("K").toString() + ',' + after.value("L").toString(), keys);
-    // No file of the tool's own is left beside the preferences.
-    QCOMPARE(QDir(folder).entryList({".veld-defaults*"}, QDir::AllEntries | QDir::Hidden), QStringList());
-}
-
-// A value is replaced by a whole new file put in the old one's place: a reader
-// that opened the file before reads the whole old one, a later reader the whole new one.
-void tst_PrefStore::readersNeverSeeHalfAFile()
-{
-    const QString folder = m_system;
-    const QString file = folder + QStringLiteral("/d.conf");
-    const QByteArray big(60000, 'v');
-    QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode, 0);
-    QFile reader(file);
-    QVERIFY(reader.open(QIODevice::ReadOnly));
-    QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "1", folder).exitCode, 0);
-    QCOMPARE(reader.readAll(), "[General]\nK=" + big + "0\n");
-    QCOMPARE(fileBytes(file), "[General]\nK=" + big + "1\n");
-}
-
-// On a file system that fills up during the write, the old file stays whole and nothing is left beside it.
-void tst_PrefStore::failedWriteKeepsOldFile()
-{
-    const QString script = QStringLiteral(
-        "\"$1\" write \"$2/d\" K old && dd if=/dev/zero of=\"$2/fill\" bs=4k count=56 2>/dev/null; "
-        "\"$1\" write \"$2/d\" K \"$3\"; echo \"exit=$?\"; cat \"$2/d.conf\"; ls -A \"$2\"");
-    QTemporaryDir dir;
-    const ProcessResult result = runProcess(wrapped({"sh", "-c", script, "sh", kDefaults, dir.path(), QString(100000, 'n')},
-                                                    {inPrivateMounts("mount -t tmpfs -o size=256k tmpfs \"$1\"", {dir.path()})}));
-    QCOMPARE(result.out, QStringLiteral("exit=1\n[General]\nK=old\nd.conf\nfill\n"));
-    QVERIFY2(result.err.startsWith(QStringLiteral("veld-defaults: cannot write the new %1/d.conf").arg(dir.path())),
-             qPrintable(result.err));
-}
 
 QTEST_GUILESS_MAIN(tst_PrefStore)
 #include "tst_prefstore.moc"

@@ -60,255 +60,150 @@ class tst_SizeThread : public QObject
     Q_OBJECT
 
 private slots:
-    void walk_data();
-    void walk();
-    void nothingToWalk();
-    void sampleDatabase();
-    void deepestPath();
-    void scansAppendWholeBlocks();
-    void interruptedScans_data();
-    void interruptedScans();
-};
-
-void tst_SizeThread::walk_data()
-{
-    QTest::addColumn<QStringList>("entries");
-    QTest::addColumn<quint64>("total");
-    QTest::addColumn<int>("count");
-    QTest::newRow("complete suffix, case and all")
-        << QStringList{"f|a.b.qventry|7", "f|qventry|7", "f|a.QVENTRY|7", "f|a.qventry.bak|7", "f|a.qventr|7",
-                       "f|.qventry|11", "f|c.qvkentry|13", "f|b.qvindex|17", "f|d.qvkindex|19", "f|readme.txt|9"}
-        << quint64(60) << 4;
-    QTest::newRow("nested, hidden and empty")
-        << QStringList{"f|d1/d2/d3/d4/x.qventry|5", "f|.hidden/y.qventry|7", "f|.hidden/.deeper/z.qvindex|9",
-                       "f|d1/w.qvkentry|3", "d|empty", "f|z.qventry|0", "f|sub/e.qvkindex|0"}
-        << quint64(24) << 6;
-    QTest::newRow("links and special files")
-        << QStringList{"f|real/x.qventry|100", "l|link.qventry|real/x.qventry", "l|linkdir|real", "l|loop|.",
-                       "l|dangling.qventry|nowhere", "p|fifo.qventry", "s|socket.qventry"}
-        << quint64(100) << 1;
-    QTest::newRow("awkward names")
-        << QStringList{"f|a b.qventry|1", "f|'q\".qventry|2", "f|-x.qventry|4", "f|\u00fcn\u00ef \u6570.qventry|8",
-                       "f|new\nline.qventry|16", "f|*?[.qvindex|32", "f|-rf/ --/.qventry|64"}
-        << quint64(127) << 7;
-    // The folder that can be listed but not entered shows its file, whose size
-    // cannot be read: it is listed with 0, so that copying it fails visibly.
-    QTest::newRow("unreadable folders")
-        << QStringList{"f|open/x.qventry|10", "f|closed/y.qventry|20", "f|closed/deeper/z.qventry|30",
-                       "f|listonly/w.qventry|40", "f|last/v.qvindex|5", "m|closed|000", "m|listonly|444"}
-        << quint64(15) << 3;
-}
-
-// Every spelling of the folder's path gives the reference's total and list:
-// the same files, in the same order, with the same paths. Runs as an ordinary
-// user, for whom permissions hold.
-void tst_SizeThread::walk()
-{
-    QFETCH(QStringList, entries);
-    QFETCH(quint64, total);
-    QFETCH(int, count);
-    VELD_ROW_IN_CHILD({QString(), {asOrdinaryUser()}});
-    QTemporaryDir dir;
-    auto reopen = qScopeGuard([&] { runProcess({"chmod", "-R", "u+rwx", dir.path()}); });
-    QVERIFY(buildTree(dir.path() + QStringLiteral("/tree"), entries));
-    QVERIFY(::symlink("tree", QFile::encodeName(dir.path() + QStringLiteral("/alias"))) == 0);
-    const QString cwd = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(dir.path()));
-    auto restore = qScopeGuard([&] { QDir::setCurrent(cwd); });
-    for (const QString &path : QStringList{dir.path() + "/tree", dir.path() + "/tree/", "tree", "alias/../tree//", "alias"}) {
-        QList<QFileInfo> list{QFileInfo(QStringLiteral("/kept"))};
-        QList<QFileInfo> expected = list;
-        QCOMPARE(SizeThread::dirSize(path, list), total);
-        QCOMPARE(referenceDirSize(path, expected), total);
-        QCOMPARE(list.size(), count + 1);
-        QCOMPARE(paths(list), paths(expected));
+    void walk_data()
+    {
+        QTest::addColumn<QStringList>("entries");
+        QTest::addColumn<quint64>("total");
+        QTest::addColumn<int>("count");
+        QTest::newRow("complete suffix, case and all")
+            << QStringList{"f|a.b.qventry|7", "f|qventry|7", "f|a.QVENTRY|7", "f|a.qventry.bak|7", "f|a.qventr|7",
+                           "f|.qventry|11", "f|c.qvkentry|13", "f|b.qvindex|17", "f|d.qvkindex|19", "f|readme.txt|9"}
+            << quint64(60) << 4;
+        QTest::newRow("nested, hidden and empty")
+            << QStringList{"f|d1/d2/d3/d4/x.qventry|5", "f|.hidden/y.qventry|7", "f|.hidden/.deeper/z.qvindex|9",
+                           "f|d1/w.qvkentry|3", "d|empty", "f|z.qventry|0", "f|sub/e.qvkindex|0"}
+            << quint64(24) << 6;
+        QTest::newRow("links and special files")
+            << QStringList{"f|real/x.qventry|100", "l|link.qventry|real/x.qventry", "l|linkdir|real", "l|loop|.",
+                           "l|dangling.qventry|nowhere", "p|fifo.qventry", "s|socket.qventry"}
+            << quint64(100) << 1;
+        // The folder that can be listed but not entered shows its file, whose size
+        // cannot be read: it is listed with 0, so that copying it fails visibly.
+        QTest::newRow("unreadable folders")
+            << QStringList{"f|open/x.qventry|10", "f|closed/y.qventry|20", "f|closed/deeper/z.qventry|30",
+                           "f|listonly/w.qventry|40", "f|last/v.qvindex|5", "m|closed|000", "m|listonly|444"}
+            << quint64(15) << 3;
     }
-}
 
-// A path that is not a folder walks nothing: missing, a file named like data, a pipe, the empty string.
-void tst_SizeThread::nothingToWalk()
-{
-    QTemporaryDir dir;
-    QVERIFY(buildTree(dir.path(), {"f|file.qventry|10", "p|fifo"}));
-    for (const QString &path : {dir.filePath("missing"), dir.filePath("file.qventry"), dir.filePath("fifo"), QString()}) {
-        QList<QFileInfo> list{QFileInfo("/kept")};
-        QCOMPARE(SizeThread::dirSize(path, list), quint64(0));
-        QCOMPARE(paths(list), QStringList{"/kept"});
-    }
-}
-
-// The generator's own count of its data files and bytes, decoys and all.
-void tst_SizeThread::sampleDatabase()
-{
-    QTemporaryDir dir;
-    const QString tree = dir.filePath("VELDV400");
-    const ProcessResult made = runProcess({VELD_MAKE_SAMPLE, "--files", "500", "--bytes", "5M", "--depth", "4", tree});
-    QCOMPARE(made.exitCode, 0);
-    const auto counts = QRegularExpression("data_files=(\\d+) data_bytes=(\\d+)").match(made.out);
-    QVERIFY(counts.hasMatch());
-    QList<QFileInfo> list, expected;
-    QCOMPARE(SizeThread::dirSize(tree, list), counts.captured(2).toULongLong());
-    QCOMPARE(list.size(), counts.captured(1).toInt());
-    referenceDirSize(tree, expected);
-    QCOMPARE(paths(list), paths(expected));
-}
-
-// A data file at the end of the longest path the system accepts is found;
-// below it, where paths grow too long to name, the walk finds nothing and ends.
-void tst_SizeThread::deepestPath()
-{
-    QTemporaryDir dir;
-    auto cleanup = qScopeGuard([&] { runProcess({"rm", "-rf", dir.path()}); });
-    const QByteArray top = QFile::encodeName(dir.path());
-    const long pathMax = ::pathconf(top.constData(), _PC_PATH_MAX);   // counts the terminating null
-    const int fileLength = 10;                                          // "/x.qventry"
-    int fd = ::open(top.constData(), O_RDONLY | O_DIRECTORY);
-    QVERIFY(fd >= 0);
-    int levels = 0, reachable = 0;
-    // Built with *at() calls, one level "/d" at a time, so it can go past the limit.
-    for (int length = top.size() + 2; length + fileLength < pathMax + 40; length += 2, ++levels) {
-        QVERIFY(::mkdirat(fd, "d", 0755) == 0);
-        const int sub = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
-        QVERIFY(sub >= 0);
-        if (length + fileLength <= pathMax - 1) {
-            const int data = ::openat(sub, "x.qventry", O_CREAT | O_WRONLY, 0644);
-            QVERIFY(data >= 0 && ::ftruncate(data, ++reachable) == 0);
-            ::close(data);
+    // Every spelling of the folder's path gives the reference's total and list:
+    // the same files, in the same order, with the same paths. Runs as an ordinary
+    // user, for whom permissions hold.
+    void walk()
+    {
+        QFETCH(QStringList, entries);
+        QFETCH(quint64, total);
+        QFETCH(int, count);
+        VELD_ROW_IN_CHILD({QString(), {asOrdinaryUser()}});
+        QTemporaryDir dir;
+        auto reopen = qScopeGuard([&] { runProcess({"chmod", "-R", "u+rwx", dir.path()}); });
+        QVERIFY(buildTree(dir.path() + QStringLiteral("/tree"), entries));
+        QVERIFY(::symlink("tree", QFile::encodeName(dir.path() + QStringLiteral("/alias"))) == 0);
+        const QString cwd = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(dir.path()));
+        auto restore = qScopeGuard([&] { QDir::setCurrent(cwd); });
+        for (const QString &path : QStringList{dir.path() + "/tree", dir.path() + "/tree/", "tree", "alias/../tree//", "alias"}) {
+            QList<QFileInfo> list{QFileInfo(QStringLiteral("/kept"))};
+            QList<QFileInfo> expected = list;
+            QCOMPARE(SizeThread::dirSize(path, list), total);
+            QCOMPARE(referenceDirSize(path, expected), total);
+            QCOMPARE(list.size(), count + 1);
+            QCOMPARE(paths(list), paths(expected));
         }
-        ::close(fd);
-        fd = sub;
     }
-    ::close(fd);
-    QList<QFileInfo> list;
-    QCOMPARE(SizeThread::dirSize(dir.path(), list), quint64(reachable) * quint64(reachable + 1) / 2);
-    QCOMPARE(list.size(), reachable);
-    QVERIFY(reachable < levels);
-    QVERIFY(QFile::encodeName(list.last().filePath()).size() >= pathMax - 2);
-}
 
-// Scans that overlap, and scans that follow one another, each add one block:
-// their own files in their own walk order, never mixed with another's. A
-// receiver of a scan's result finds the scan's block already listed.
-void tst_SizeThread::scansAppendWholeBlocks()
-{
-    QTemporaryDir dir;
-    QList<QStringList> walked;
-    for (int i = 0; i < 4; ++i) {
-        QStringList entries;
-        for (int file = 0; file < 40 + 20 * i; ++file)
-            entries << QStringLiteral("f|d%1/e%2.qventry|1").arg(file % 7).arg(file);
-        QVERIFY(buildTree(dir.filePath(QStringLiteral("t%1").arg(i)), entries));
-        QList<QFileInfo> list;
-        SizeThread::dirSize(dir.filePath(QStringLiteral("t%1").arg(i)), list);
-        walked << paths(list);
+    // A path that is not a folder walks nothing: missing, a file named like data, a pipe, the empty string.
+    void nothingToWalk()
+    {
+        QTemporaryDir dir;
+        QVERIFY(buildTree(dir.path(), {"f|file.qventry|10", "p|fifo"}));
+        for (const QString &path : {dir.filePath("missing"), dir.filePath("file.qventry"), dir.filePath("fifo"), QString()}) {
+            QList<QFileInfo> list{QFileInfo("/kept")};
+            QCOMPARE(SizeThread::dirSize(path, list), quint64(0));
+            QCOMPARE(paths(list), QStringList{"/kept"});
+        }
     }
-    for (const bool overlapping : {true, false}) {
+
+    void interruptedScans_data()
+    {
+        QTest::addColumn<QString>("action");   // what befalls the scan
+        QTest::addColumn<bool>("settled");     // what waitForScans then returns
+        QTest::addColumn<int>("results");      // results delivered by then; -1: not told
+        QTest::addColumn<int>("listed");       // of its files in sResultList
+        QTest::newRow("no scan") << "" << true << 0 << 0;
+        QTest::newRow("runs to its end") << "finish" << true << 1 << 2;
+        QTest::newRow("its tree removed meanwhile") << "remove" << true << 1 << 0;
+        QTest::newRow("deleted while walking") << "delete" << true << 0 << 0;
+        QTest::newRow("cancelled while walking, then deleted") << "cancel" << true << 0 << 0;
+        QTest::newRow("cancelled after its walk, before its result is taken") << "cancel late" << true << 1 << 0;
+        QTest::newRow("deleted during the wait") << "delete in wait" << true << -1 << 0;
+        QTest::newRow("application quits during the wait") << "quit" << false << -1 << 0;
+    }
+
+    // A scan is held at the gate, among its folders (or has walked all of them),
+    // while something befalls it. Deleting or cancelling it stops the walk there,
+    // and its files never reach the list. A scan whose tree is removed still ends.
+    // The wait keeps the event loop turning (the gate is let go from it) and ends
+    // when the scan has delivered its result or is gone, or at once when the
+    // application quits.
+    void interruptedScans()
+    {
+        QFETCH(QString, action);
+        QFETCH(bool, settled);
+        QFETCH(int, results);
+        QFETCH(int, listed);
         const int before = sResultList.size();
+        QTemporaryDir dir;
+        QVERIFY(buildTree(dir.path(), {"f|a/x.qventry|3", "f|b/y.qvindex|4"}));
+        QPointer<SizeThread> scan;
         ResultLog log;
-        QList<SizeThread *> scans;
-        for (int i = 0; i < 4; ++i) {
-            scans << new SizeThread(nullptr, dir.filePath(QStringLiteral("t%1").arg(i)));
-            log.watch(scans.last());
-            scans.last()->start();
-            if (!overlapping)
-                QVERIFY(SizeThread::waitForScans());
+        if (action != "cancel late")
+            ScanGate::close();
+        if (!action.isEmpty()) {
+            scan = new SizeThread(nullptr, dir.path());
+            log.watch(scan);
+            scan->start();
+            QVERIFY(action == "cancel late" ? scan->wait() : ScanGate::waitUntilHeld());
+            QVERIFY(SizeThread::scansPending());   // until its result is delivered
         }
-        QVERIFY(SizeThread::waitForScans());
-        qDeleteAll(scans);
-        QCOMPARE(log.totals.size(), 4);
-        // Which scan's block comes next is told by its first entry's folder, ".../tN/...".
-        QList<int> order;
-        for (int at = before; at < sResultList.size(); at += walked.at(order.last()).size()) {
-            order << sResultList.at(at).filePath().at(dir.path().size() + 2).digitValue();
-            QCOMPARE(paths(sResultList.mid(at, walked.at(order.last()).size())), walked.at(order.last()));
+        if (action == "remove")
+            QVERIFY(dir.remove());
+        if (action.startsWith("cancel")) {
+            scan->cancel();
+            QVERIFY(SizeThread::waitForScans());
         }
-        QCOMPARE(order.size(), 4);
-        if (!overlapping) {
-            QCOMPARE(order, (QList<int>{0, 1, 2, 3}));
-            for (int i = 0, listed = before; i < 4; ++i)
-                QCOMPARE(log.listSizes.at(i), listed += walked.at(i).size());
-        }
-    }
-}
-
-void tst_SizeThread::interruptedScans_data()
-{
-    QTest::addColumn<QString>("action");   // what befalls the scan
-    QTest::addColumn<bool>("settled");     // what waitForScans then returns
-    QTest::addColumn<int>("results");      // results delivered by then; -1: not told
-    QTest::addColumn<int>("listed");       // of its files in sResultList
-    QTest::newRow("no scan") << "" << true << 0 << 0;
-    QTest::newRow("runs to its end") << "finish" << true << 1 << 2;
-    QTest::newRow("its tree removed meanwhile") << "remove" << true << 1 << 0;
-    QTest::newRow("deleted while walking") << "delete" << true << 0 << 0;
-    QTest::newRow("cancelled while walking, then deleted") << "cancel" << true << 0 << 0;
-    QTest::newRow("cancelled after its walk, before its result is taken") << "cancel late" << true << 1 << 0;
-    QTest::newRow("deleted during the wait") << "delete in wait" << true << -1 << 0;
-    QTest::newRow("application quits during the wait") << "quit" << false << -1 << 0;
-}
-
-// A scan is held at the gate, among its folders (or has walked all of them),
-// while something befalls it. Deleting or cancelling it stops the walk there,
-// and its files never reach the list. A scan whose tree is removed still ends.
-// The wait keeps the event loop turning (the gate is let go from it) and ends
-// when the scan has delivered its result or is gone, or at once when the
-// application quits.
-void tst_SizeThread::interruptedScans()
-{
-    QFETCH(QString, action);
-    QFETCH(bool, settled);
-    QFETCH(int, results);
-    QFETCH(int, listed);
-    const int before = sResultList.size();
-    QTemporaryDir dir;
-    QVERIFY(buildTree(dir.path(), {"f|a/x.qventry|3", "f|b/y.qvindex|4"}));
-    QPointer<SizeThread> scan;
-    ResultLog log;
-    if (action != "cancel late")
-        ScanGate::close();
-    if (!action.isEmpty()) {
-        scan = new SizeThread(nullptr, dir.path());
-        log.watch(scan);
-        scan->start();
-        QVERIFY(action == "cancel late" ? scan->wait() : ScanGate::waitUntilHeld());
-        QVERIFY(SizeThread::scansPending());   // until its result is delivered
-    }
-    if (action == "remove")
-        QVERIFY(dir.remove());
-    if (action.startsWith("cancel")) {
-        scan->cancel();
-        QVERIFY(SizeThread::waitForScans());
-    }
-    if (action == "delete" || action == "cancel")
-        delete scan;
-    QTimer ticker;
-    connect(&ticker, &QTimer::timeout, [&] {
-        ticker.stop();
-        if (action == "delete in wait")
+        if (action == "delete" || action == "cancel")
             delete scan;
-        else if (action == "quit")
-            QCoreApplication::quit();
-        else
-            ScanGate::release();
-    });
-    ticker.start(0);
-    QCOMPARE(SizeThread::waitForScans(), settled);   // also delivers what a stopped scan might have posted
-    QCOMPARE(SizeThread::scansPending(), !settled);
-    ScanGate::release();
-    QVERIFY(results < 0 || log.totals.size() == results);
-    QCOMPARE(sResultList.size() - before, listed);
-    if (action == "finish")
-        QCOMPARE(log.totals, QList<quint64>{7});
-    delete scan;
-    QVERIFY(!SizeThread::scansPending());
-    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-    if (!settled) {
-        // The quit stays in force for every later event loop until the
-        // application's own loop has run once more.
-        QTimer::singleShot(0, QCoreApplication::instance(), &QCoreApplication::quit);
-        QCoreApplication::exec();
+        QTimer ticker;
+        connect(&ticker, &QTimer::timeout, [&] {
+            ticker.stop();
+            if (action == "delete in wait")
+                delete scan;
+            else if (action == "quit")
+                QCoreApplication::quit();
+            else
+                ScanGate::release();
+        });
+        ticker.start(0);
+        QCOMPARE(SizeThread::waitForScans(), settled);   // also delivers what a stopped scan might have posted
+        QCOMPARE(SizeThread::scansPending(), !settled);
+        ScanGate::release();
+        QVERIFY(results < 0 || log.totals.size() == results);
+        QCOMPARE(sResultList.size() - before, listed);
+        if (action == "finish") {
+            QCOMPARE(log.totals, QList<quint64>{7});
+            QCOMPARE(log.listSizes, QList<int>{before + 2});   // the receiver finds the scan's files listed
+        }
+        delete scan;
+        QVERIFY(!SizeThread::scansPending());
+        QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+        if (!settled) {
+            // The quit stays in force for every later event loop until the
+            // application's own loop has run once more.
+            QTimer::singleShot(0, QCoreApplication::instance(), &QCoreApplication::quit);
+            QCoreApplication::exec();
+        }
     }
-}
+};
 
 QTEST_GUILESS_MAIN(tst_SizeThread)
 #include "tst_sizethread.moc"

@@ -64,190 +64,177 @@ class tst_SourcePage : public QObject
 
 private slots:
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
-    void sizeFigure_data();
-    void sizeFigure();
-    void fixedSource_data();
-    void fixedSource();
-    void chooseFolder_data();
-    void chooseFolder();
-    void closeWhileScanning_data();
-    void closeWhileScanning();
-};
 
-void tst_SourcePage::sizeFigure_data()
-{
-    QTest::addColumn<quint64>("bytes");
-    QTest::addColumn<QString>("figure");
-    QTest::newRow("12345678901") << quint64(12345678901) << "12.35";
-    QTest::newRow("999999999 rounds up") << quint64(999999999) << "1.00";
-    QTest::newRow("4999999 rounds down") << quint64(4999999) << "0.00";
-    QTest::newRow("1234 GB, no grouping") << quint64(1234000000000) << "1234.00";
-    QTest::newRow("largest") << quint64(18446744073709551615u) << "18446744073.71";
-}
-
-// The same figure whatever the user's locale.
-void tst_SourcePage::sizeFigure()
-{
-    QFETCH(quint64, bytes);
-    QFETCH(QString, figure);
-    for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
-        QLocale::setDefault(locale);
-        QCOMPARE(::sizeFigure(bytes), figure);
-    }
-    QLocale::setDefault(QLocale::c());
-}
-
-void tst_SourcePage::fixedSource_data()
-{
-    QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
-    QTest::addColumn<qint64>("removable");     // size of a data file on the removable disk, or -1
-    QTest::addColumn<qint64>("shown");         // the total the page shows for the source it finds, or -1
-    QTest::newRow("beside the bundle") << QStringList{"a.qventry:1500000000", "s/b.qvkentry:4000000", "c.txt:9"}
-                                       << qint64(-1) << qint64(1504000000);
-    QTest::newRow("only on the removable disk") << QStringList{} << qint64(2222222222) << qint64(2222222222);
-    QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << qint64(2222222222) << qint64(10);
-    QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << qint64(-1) << qint64(0);
-    QTest::newRow("neither") << QStringList{} << qint64(-1) << qint64(-1);
-}
-
-void tst_SourcePage::fixedSource()
-{
-    QFETCH(QStringList, beside);
-    QFETCH(qint64, removable);
-    QFETCH(qint64, shown);
-    if (!inChild())
-        return runBesideSource(beside);
-    QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
-    const bool found = shown >= 0;
-    VELD_Installer wizard;
-    const PageView source = view(wizard);
-    // Before any event is processed, so before any scan can have reported: a
-    // found source makes the page complete at once.
-    QCOMPARE(source.page->dbSize, quint64(0));
-    QCOMPARE(source.find->isHidden(), found);
-    QCOMPARE(source.label->text(), found ? QString() : kNotFound);
-    QCOMPARE(source.page->isComplete(), found);
-    QCOMPARE(SizeThread::scansPending(), found);
-    goToSourcePage(wizard);
-    QCOMPARE(wizard.currentId(), kSourcePageId);
-    QVERIFY(SizeThread::waitForScans());
-    // Leaving and coming back changes nothing.
-    for (int visit = 0; visit < 2; ++visit) {
-        QCOMPARE(source.label->text(), found ? kFixedMessage.arg(::sizeFigure(quint64(shown))) : kNotFound);
-        QCOMPARE(source.page->dbSize, quint64(qMax(shown, qint64(0))));
-        QCOMPARE(source.find->isVisible(), !found);
-        QCOMPARE(source.next->isEnabled(), found);
-        if (!found)
-            return;
-        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
-        wizard.next();
-        wizard.back();
-    }
-}
-
-void tst_SourcePage::chooseFolder_data()
-{
-    QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
-    QTest::newRow("MyData without data files") << QStringList{"Empty/MyData"};
-    QTest::newRow("dialog cancelled") << QStringList{""};
-    QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
-    QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
-}
-
-void tst_SourcePage::chooseFolder()
-{
-    QFETCH(QStringList, choices);
-    if (!inChild())
-        return runBesideSource({});
-    QTemporaryDir home(scratchTemplate("home"));
-    QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
-                                    "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
-                                    "f|Big/b/z.qventry|1"}));
-    qputenv("HOME", QFile::encodeName(home.path()));
-    // "Big" is still measured when the next choice comes; every other choice is measured before the next.
-    const bool held = choices.first() == "Big";
-    if (held)
-        ScanGate::close();
-
-    VELD_Installer wizard;
-    const PageView source = view(wizard);
-    goToSourcePage(wizard);
-    QVERIFY(!source.next->isEnabled());
-    DialogAnswer answer;
-    for (const QString &choice : choices) {
-        answer.arm(choice.isEmpty() ? QString() : home.filePath(choice));
-        QTest::mouseClick(source.find, Qt::LeftButton);
-        QVERIFY(answer.answered);
-        QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
-        QCOMPARE(answer.startFolder, home.path());
-        QVERIFY(answer.dirsOnly);
-        QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
-        if (!held)
-            QVERIFY(SizeThread::waitForScans());
-        else if (choice == choices.first())
-            QVERIFY(ScanGate::waitUntilHeld());
-    }
-    ScanGate::release();
-    QVERIFY(SizeThread::waitForScans());
-    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-
-    const QString last = choices.last();
-    if (last.isEmpty() || last.startsWith("Empty")) {
-        QCOMPARE(source.label->text(), last.isEmpty() ? QStringLiteral("Scanning...") : kNoDataFiles.arg("MyData"));
-        QVERIFY(source.find->isVisible());
-        QVERIFY(!source.next->isEnabled());
-        QCOMPARE(source.page->dbSize, quint64(0));
-        return;
-    }
-    // The page shows the last choice, and the list holds that folder's files and no one else's.
-    QList<QFileInfo> expected;
-    const quint64 total = SizeThread::dirSize(home.filePath(last), expected);
-    QCOMPARE(sResultList.size(), expected.size());
-    for (int i = 0; i < expected.size(); ++i)
-        QCOMPARE(sResultList.at(i).filePath(), expected.at(i).filePath());
-    QCOMPARE(source.label->text(), kChosenMessage.arg("MyData", ::sizeFigure(total)));
-    QCOMPARE(source.page->dbSize, total);
-    QVERIFY(source.find->isHidden());
-    QVERIFY(!source.find->isDefault());
-    QVERIFY(source.next->isEnabled());
-    QCOMPARE(source.next->text(), QStringLiteral("Continue"));
-}
-
-void tst_SourcePage::closeWhileScanning_data()
-{
-    QTest::addColumn<bool>("viaCancelButton");
-    QTest::newRow("Cancel") << true;
-    QTest::newRow("window closed") << false;
-}
-
-// The wizard is left while the scan is held among its folders: the event
-// loop ends with 0, and the wizard goes away without the walk going further.
-void tst_SourcePage::closeWhileScanning()
-{
-    QFETCH(bool, viaCancelButton);
-    if (!inChild())
-        return runBesideSource({"s/b.qventry:1", "t/c.qventry:1"});
-    bool scanning = false;
-    int status = -1;
-    ScanGate::close();
+    void sizeFigure_data()
     {
-        VELD_Installer wizard;
-        wizard.show();
-        QVERIFY(ScanGate::waitUntilHeld());
-        QTimer::singleShot(0, &wizard, [&] {
-            scanning = SizeThread::scansPending();
-            if (viaCancelButton)
-                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-            else
-                wizard.close();
-        });
-        status = QApplication::exec();
+        QTest::addColumn<quint64>("bytes");
+        QTest::addColumn<QString>("figure");
+        QTest::newRow("12345678901") << quint64(12345678901) << "12.35";
+        QTest::newRow("999999999 rounds up") << quint64(999999999) << "1.00";
+        QTest::newRow("largest") << quint64(18446744073709551615u) << "18446744073.71";
     }
-    QCOMPARE(status, 0);
-    QVERIFY(scanning);
-    QVERIFY(!SizeThread::scansPending());
-    QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-}
+
+    // The same figure whatever the user's locale.
+    void sizeFigure()
+    {
+        QFETCH(quint64, bytes);
+        QFETCH(QString, figure);
+        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
+            QLocale::setDefault(locale);
+            QCOMPARE(::sizeFigure(bytes), figure);
+        }
+        QLocale::setDefault(QLocale::c());
+    }
+
+    void fixedSource_data()
+    {
+        QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
+        QTest::addColumn<qint64>("removable");     // size of a data file on the removable disk, or -1
+        QTest::addColumn<qint64>("shown");         // the total the page shows for the source it finds, or -1
+        QTest::newRow("only on the removable disk") << QStringList{} << qint64(2222222222) << qint64(2222222222);
+        QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << qint64(2222222222) << qint64(10);
+        QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << qint64(-1) << qint64(0);
+        QTest::newRow("neither") << QStringList{} << qint64(-1) << qint64(-1);
+    }
+
+    void fixedSource()
+    {
+        QFETCH(QStringList, beside);
+        QFETCH(qint64, removable);
+        QFETCH(qint64, shown);
+        if (!inChild())
+            return runBesideSource(beside);
+        QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
+        const bool found = shown >= 0;
+        VELD_Installer wizard;
+        const PageView source = view(wizard);
+        // Before any event is processed, so before any scan can have reported: a
+        // found source makes the page complete at once.
+        QCOMPARE(source.page->dbSize, quint64(0));
+        QCOMPARE(source.find->isHidden(), found);
+        QCOMPARE(source.label->text(), found ? QString() : kNotFound);
+        QCOMPARE(source.page->isComplete(), found);
+        QCOMPARE(SizeThread::scansPending(), found);
+        goToSourcePage(wizard);
+        QCOMPARE(wizard.currentId(), kSourcePageId);
+        QVERIFY(SizeThread::waitForScans());
+        // Leaving and coming back changes nothing.
+        for (int visit = 0; visit < 2; ++visit) {
+            QCOMPARE(source.label->text(), found ? kFixedMessage.arg(::sizeFigure(quint64(shown))) : kNotFound);
+            QCOMPARE(source.page->dbSize, quint64(qMax(shown, qint64(0))));
+            QCOMPARE(source.find->isVisible(), !found);
+            QCOMPARE(source.next->isEnabled(), found);
+            if (!found)
+                return;
+            QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+            wizard.next();
+            wizard.back();
+        }
+    }
+
+    void chooseFolder_data()
+    {
+        QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
+        QTest::newRow("dialog cancelled") << QStringList{""};
+        QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
+        QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
+    }
+
+    void chooseFolder()
+    {
+        QFETCH(QStringList, choices);
+        if (!inChild())
+            return runBesideSource({});
+        QTemporaryDir home(scratchTemplate("home"));
+        QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
+                                        "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
+                                        "f|Big/b/z.qventry|1"}));
+        qputenv("HOME", QFile::encodeName(home.path()));
+        // "Big" is still measured when the next choice comes; every other choice is measured before the next.
+        const bool held = choices.first() == "Big";
+        if (held)
+            ScanGate::close();
+
+        VELD_Installer wizard;
+        const PageView source = view(wizard);
+        goToSourcePage(wizard);
+        QVERIFY(!source.next->isEnabled());
+        DialogAnswer answer;
+        for (const QString &choice : choices) {
+            answer.arm(choice.isEmpty() ? QString() : home.filePath(choice));
+            QTest::mouseClick(source.find, Qt::LeftButton);
+            QVERIFY(answer.answered);
+            QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
+            QCOMPARE(answer.startFolder, home.path());
+            QVERIFY(answer.dirsOnly);
+            QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
+            if (!held)
+                QVERIFY(SizeThread::waitForScans());
+            else if (choice == choices.first())
+                QVERIFY(ScanGate::waitUntilHeld());
+        }
+        ScanGate::release();
+        QVERIFY(SizeThread::waitForScans());
+        QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+
+        const QString last = choices.last();
+        if (last.isEmpty() || last.startsWith("Empty")) {
+            QCOMPARE(source.label->text(), last.isEmpty() ? QStringLiteral("Scanning...") : kNoDataFiles.arg("MyData"));
+            QVERIFY(source.find->isVisible());
+            QVERIFY(!source.next->isEnabled());
+            QCOMPARE(source.page->dbSize, quint64(0));
+            return;
+        }
+        // The page shows the last choice, and the list holds that folder's files and no one else's.
+        QList<QFileInfo> expected;
+        const quint64 total = SizeThread::dirSize(home.filePath(last), expected);
+        QCOMPARE(sResultList.size(), expected.size());
+        for (int i = 0; i < expected.size(); ++i)
+            QCOMPARE(sResultList.at(i).filePath(), expected.at(i).filePath());
+        QCOMPARE(source.label->text(), kChosenMessage.arg("MyData", ::sizeFigure(total)));
+        QCOMPARE(source.page->dbSize, total);
+        QVERIFY(source.find->isHidden());
+        QVERIFY(!source.find->isDefault());
+        QVERIFY(source.next->isEnabled());
+        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+    }
+
+    void closeWhileScanning_data()
+    {
+        QTest::addColumn<bool>("viaCancelButton");
+        QTest::newRow("Cancel") << true;
+        QTest::newRow("window closed") << false;
+    }
+
+    // The wizard is left while the scan is held among its folders: the event
+    // loop ends with 0, and the wizard goes away without the walk going further.
+    void closeWhileScanning()
+    {
+        QFETCH(bool, viaCancelButton);
+        if (!inChild())
+            return runBesideSource({"s/b.qventry:1", "t/c.qventry:1"});
+        bool scanning = false;
+        int status = -1;
+        ScanGate::close();
+        {
+            VELD_Installer wizard;
+            wizard.show();
+            QVERIFY(ScanGate::waitUntilHeld());
+            QTimer::singleShot(0, &wizard, [&] {
+                scanning = SizeThread::scansPending();
+                if (viaCancelButton)
+                    QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+                else
+                    wizard.close();
+            });
+            status = QApplication::exec();
+        }
+        QCOMPARE(status, 0);
+        QVERIFY(scanning);
+        QVERIFY(!SizeThread::scansPending());
+        QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+    }
+};
 
 QTEST_MAIN(tst_SourcePage)
 #include "tst_sourcepage.moc"

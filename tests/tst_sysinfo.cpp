@@ -34,213 +34,203 @@ class tst_SysInfo : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void modelTable();
-    void rules_data();
-    void rules();
-    void osVersion_data();
-    void osVersion();
-    void thisMachine();
-    void liveInput();
-    void withoutApplication();
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_log = m_dir.filePath(QStringLiteral("sysinfo.log"));
+        QVERIFY(OpenMacLog(QFile::encodeName(m_log).constData()));
+    }
+
+    void modelTable()
+    {
+        // The rows as written, before the maps could fold a repeated model or pair into one.
+        int pairs = 0;
+        QSet<QString> models;
+        QSet<QString> writtenPairs;
+        const QRegularExpression intelBrand(QStringLiteral("^\\S.{34}\\S  @ \\d\\.\\d\\dGHz$"));
+        for (size_t i = 0; i < kModelRowCount; ++i) {
+            const ModelRow &row = kModelRows[i];
+            models.insert(QString::fromLatin1(row.model));
+            for (const char *processor : row.processors) {
+                if (!processor)
+                    continue;
+                ++pairs;
+                writtenPairs.insert(QString::fromLatin1(row.model) + QLatin1Char('|') + QLatin1String(processor));
+                const QString brand = QString::fromLatin1(processor);
+                if (brand.contains(QLatin1String(" @ ")))
+                    QVERIFY2(intelBrand.match(brand).hasMatch(), processor);
+                QCOMPARE(get_model_name(row.model, processor), std::string(row.name));
+            }
+        }
+        QCOMPARE(int(kModelRowCount), 95);
+        QCOMPARE(models.size(), 95);
+        QCOMPARE(pairs, 216);
+        QCOMPARE(writtenPairs.size(), 216);
+    }
+
+    // The model's name, the processor summary, the event flags' modifiers, and the
+    // cores and brand read from /proc/cpuinfo.
+    void rules_data()
+    {
+        QTest::addColumn<QString>("rule");
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        const QString p7450 = kP7450, p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
+        const QString xeon = "Intel(R) Xeon(R) CPU           E5462  @ 2.80GHz";
+        QString twoSockets;   // 2 packages x 2 cores x 2 threads
+        for (int cpu = 0; cpu < 8; ++cpu)
+            twoSockets += QStringLiteral("processor\t: %1\nmodel name\t: %2\nphysical id\t: %3\ncore id\t\t: %4\n\n")
+                              .arg(cpu).arg(xeon).arg(cpu / 4).arg(cpu % 2);
+        const QList<QStringList> rows{
+            {"model", "listed pair", "MacBook5,2|" + p7450, "MacBook (Early 2009)"},
+            {"model", "another model's processor", "MacBook5,2|" + p7550, "MacBook5,2"},
+            {"model", "one blank fewer", "MacBook5,2|" + QString(p7450).replace("CPU     ", "CPU    "), "MacBook5,2"},
+            {"model", "unknown model", "Mac99,9|" + p7450, "Mac99,9"},
+            {"model", "no model", "|" + p7450, ""},
+            {"summary", "1", "1", " (single processor)"},
+            {"summary", "2", "2", " (dual processor)"},
+            {"summary", "4", "4", " (quad processor)"},
+            {"summary", "8", "8", " (8 processors)"},
+            {"summary", "widest", QString::number(INT_MIN), " (-2147483648 processors)"},
+            {"flags", "shift", "20000", QString::number(Qt::ShiftModifier)},
+            {"flags", "control is Meta", "40000", QString::number(Qt::MetaModifier)},
+            {"flags", "option is Alt", "80000", QString::number(Qt::AltModifier)},
+            {"flags", "command is Control", "100000", QString::number(Qt::ControlModifier)},
+            // Caps lock, numeric pad, help, function and the device-dependent low bits are dropped.
+            {"flags", "others dropped", "e1ffff", "0"},
+            {"cpuinfo", "two packages, threads", twoSockets, "4|" + xeon},
+            {"cpuinfo", "no trailing blank line", "processor\t: 0\nmodel name\t: X\nphysical id\t: 0\ncore id\t\t: 0", "1|X"},
+            {"cpuinfo", "no core ids", "processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\nBogoMIPS\t: 50.00\n", "0|"},
+            {"cpuinfo", "core id without package", "processor\t: 0\ncore id\t\t: 0\n\n", "0|"},
+        };
+        for (const QStringList &row : rows)
+            QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
+    }
+
+    void rules()
+    {
+        QFETCH(QString, rule);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        const std::string text = input.toStdString();
+        QString found;
+        if (rule == "model")
+            found = QString::fromStdString(get_model_name(input.section('|', 0, 0).toStdString(), input.section('|', 1).toStdString()));
+        else if (rule == "summary")
+            found = QString::fromStdString(processorSummary(input.toInt()));
+        else if (rule == "flags")
+            found = QString::number(int(modifiersFromEventFlags(input.toULong(nullptr, 16))));
+        else
+            found = QStringLiteral("%1|%2").arg(cpuInfoCoreCount(text)).arg(QString::fromStdString(cpuInfoBrand(text)));
+        QCOMPARE(found, expected);
+    }
+
+    void osVersion_data()
+    {
+        QTest::addColumn<bool>("hasAppKit");
+        QTest::addColumn<double>("appKit");
+        QTest::addColumn<bool>("answers");
+        QTest::addColumn<int>("minor");
+        QTest::addColumn<QString>("logLine");
+        const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
+        QTest::newRow("10.6 bound") << true << 1138.0 << true << 6 << older.arg(QLatin1String("6 or earlier"), "1138.000000");
+        QTest::newRow("10.7 lowest") << true << 1138.5 << true << 7 << older.arg("7", "1138.500000");
+        QTest::newRow("10.8 bound") << true << 1187.0 << true << 8 << older.arg("8", "1187.000000");
+        QTest::newRow("10.9 exactly") << true << 1265.0 << false << 9 << older.arg("9", "1265.000000");
+        QTest::newRow("process info") << true << 1265.2 << true << 11
+                                      << "App is running under 10.11.6 [NSProcessInfo processInfo]";
+        QTest::newRow("no process info") << true << 1404.0 << false << 10
+                                         << "**** WARNING **** OS Version could not be determined";
+        QTest::newRow("no AppKit") << false << 0.0 << false << 10
+                                   << "**** WARNING **** OS Version could not be determined";
+    }
+
+    void osVersion()
+    {
+        QFETCH(bool, hasAppKit);
+        QFETCH(double, appKit);
+        QFETCH(bool, answers);
+        QFETCH(int, minor);
+        QFETCH(QString, logLine);
+        MacVersionFacts facts;
+        facts.hasAppKit = hasAppKit;
+        facts.appKitVersion = appKit;
+        facts.answersOperatingSystemVersion = answers;
+        facts.minor = answers ? 11 : 0;
+        facts.patch = answers ? 6 : 0;
+        QCOMPARE(macOSMinorVersion(facts), minor);
+        const QStringList lines = logMessages(m_log);
+        QVERIFY(!lines.isEmpty());
+        QCOMPARE(lines.last(), logLine);
+    }
+
+    // Each answer against a source that does not go through the support library.
+    void thisMachine()
+    {
+        const qint64 memTotal = meminfoValue("MemTotal");
+        QCOMPARE(sysctlbynameuint64("hw.memsize"), quint64(memTotal) * 1024);
+        uint32_t value = 0;
+        QCOMPARE(hn_ram(&value, false), 0u);
+        QCOMPARE(qint64(value), memTotal / 1024);
+        const int configured = commandCount({"getconf", "_NPROCESSORS_CONF"});
+        QVERIFY(configured > 0);
+        QCOMPARE(CCPUDirectory::NumberOfCPUs(true), configured);
+        QCOMPARE(CCPUDirectory::NumberOfLogicalThreads(), configured);
+        QCOMPARE(cpu_logical_count(), commandCount({"getconf", "_NPROCESSORS_ONLN"}));
+        const QStringList pairs = runProcess({"lscpu", "-p=SOCKET,CORE"}).out.split('\n').filter(QRegularExpression("^\\d+,\\d+$"));
+        const int cores = pairs.isEmpty() ? cpu_logical_count() : int(QSet<QString>(pairs.begin(), pairs.end()).size());
+        QCOMPARE(cpu_core_count(), cores);
+        uint64_t untouched = 42;
+        QVERIFY(!sysctlbynameuint64("hw.nosuchsetting", &untouched));
+        QCOMPARE(untouched, uint64_t(42));
+        QCOMPARE(sysctlbynamestring("kern.hostname"), std::string());
+        const std::string model = fileText("/sys/devices/virtual/dmi/id/product_name").trimmed().toStdString();
+        const std::string brand = sysctlbynamestring("machdep.cpu.brand_string");
+        QCOMPARE(sysctlbynamestring("hw.model"), model);
+        QCOMPARE(GetMacBrandCPU(), get_model_name(model, brand) + " " + brand);
+        char machine[512];
+        GetMacMachineSpecs(machine);
+        QCOMPARE(std::string(machine), get_model_name(model, brand) + processorSummary(cores));
+    }
+
+    void liveInput()
+    {
+        QWindow window;
+        window.resize(100, 100);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCOMPARE(int(MacGetModifierKeys()), 0);
+        QTest::keyPress(&window, Qt::Key_A, Qt::ShiftModifier | Qt::AltModifier);
+        QCOMPARE(int(MacGetModifierKeys()), int(Qt::ShiftModifier | Qt::AltModifier));
+        QTest::keyRelease(&window, Qt::Key_A, Qt::NoModifier);
+        QCOMPARE(int(MacGetModifierKeys()), 0);
+
+        QCOMPARE(MacMouseButtons(), 0ul);
+        QTest::mousePress(&window, Qt::RightButton);
+        QCOMPARE(MacMouseButtons(), 2ul);
+        QTest::mouseRelease(&window, Qt::RightButton);
+        QCOMPARE(MacMouseButtons(), 0ul);
+    }
+
+    void withoutApplication()
+    {
+        // A process with no application object: no crash, nothing held, the version undetermined.
+        const QString log = m_dir.filePath(QStringLiteral("probe.log"));
+        const ProcessResult result = runProcess({VELD_SUPPORTPROBE, "macopen", log, "machine"});
+        QCOMPARE(result.exitCode, 0);
+        const int processors = commandCount({"getconf", "_NPROCESSORS_CONF"});
+        QCOMPARE(result.out, QStringLiteral("macopen=1\nnull=ffffffff,ffffffff,ffffffff\nmodifiers=0 buttons=0 version=10\n"));
+        // Nothing for the null pointers; the count's line twice for hn_cpu_count.
+        const QString count = QStringLiteral("  system reports %1 processors\n").arg(processors);
+        QCOMPARE(result.err, QStringLiteral("  system reports %1MB RAM\n").arg(meminfoValue(QStringLiteral("MemTotal")) / 1024)
+                                 + count + count + count);
+        QCOMPARE(logMessages(log), QStringList{QStringLiteral("**** WARNING **** OS Version could not be determined")});
+    }
 
 private:
     QTemporaryDir m_dir;
     QString m_log;
 };
-
-void tst_SysInfo::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    m_log = m_dir.filePath(QStringLiteral("sysinfo.log"));
-    QVERIFY(OpenMacLog(QFile::encodeName(m_log).constData()));
-}
-
-void tst_SysInfo::modelTable()
-{
-    // The rows as written, before the maps could fold a repeated model or pair into one.
-    int pairs = 0;
-    QSet<QString> models;
-    QSet<QString> writtenPairs;
-    const QRegularExpression intelBrand(QStringLiteral("^\\S.{34}\\S  @ \\d\\.\\d\\dGHz$"));
-    for (size_t i = 0; i < kModelRowCount; ++i) {
-        const ModelRow &row = kModelRows[i];
-        models.insert(QString::fromLatin1(row.model));
-        for (const char *processor : row.processors) {
-            if (!processor)
-                continue;
-            ++pairs;
-            writtenPairs.insert(QString::fromLatin1(row.model) + QLatin1Char('|') + QLatin1String(processor));
-            const QString brand = QString::fromLatin1(processor);
-            if (brand.contains(QLatin1String(" @ ")))
-                QVERIFY2(intelBrand.match(brand).hasMatch(), processor);
-            QCOMPARE(get_model_name(row.model, processor), std::string(row.name));
-        }
-    }
-    QCOMPARE(int(kModelRowCount), 95);
-    QCOMPARE(models.size(), 95);
-    QCOMPARE(pairs, 216);
-    QCOMPARE(writtenPairs.size(), 216);
-}
-
-// The model's name, the processor summary, the event flags' modifiers, and the
-// cores and brand read from /proc/cpuinfo.
-void tst_SysInfo::rules_data()
-{
-    QTest::addColumn<QString>("rule");
-    QTest::addColumn<QString>("input");
-    QTest::addColumn<QString>("expected");
-    const QString p7450 = kP7450, p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
-    const QString xeon = "Intel(R) Xeon(R) CPU           E5462  @ 2.80GHz";
-    QString twoSockets;   // 2 packages x 2 cores x 2 threads
-    for (int cpu = 0; cpu < 8; ++cpu)
-        twoSockets += QStringLiteral("processor\t: %1\nmodel name\t: %2\nphysical id\t: %3\ncore id\t\t: %4\n\n")
-                          .arg(cpu).arg(xeon).arg(cpu / 4).arg(cpu % 2);
-    const QList<QStringList> rows{
-        {"model", "listed pair", "MacBook5,2|" + p7450, "MacBook (Early 2009)"},
-        {"model", "another model's processor", "MacBook5,2|" + p7550, "MacBook5,2"},
-        {"model", "one blank fewer", "MacBook5,2|" + QString(p7450).replace("CPU     ", "CPU    "), "MacBook5,2"},
-        {"model", "unknown model", "Mac99,9|" + p7450, "Mac99,9"},
-        {"model", "no model", "|" + p7450, ""},
-        {"summary", "1", "1", " (single processor)"},
-        {"summary", "2", "2", " (dual processor)"},
-        {"summary", "4", "4", " (quad processor)"},
-        {"summary", "8", "8", " (8 processors)"},
-        {"summary", "widest", QString::number(INT_MIN), " (-2147483648 processors)"},
-        {"flags", "shift", "20000", QString::number(Qt::ShiftModifier)},
-        {"flags", "control is Meta", "40000", QString::number(Qt::MetaModifier)},
-        {"flags", "option is Alt", "80000", QString::number(Qt::AltModifier)},
-        {"flags", "command is Control", "100000", QString::number(Qt::ControlModifier)},
-        // Caps lock, numeric pad, help, function and the device-dependent low bits are dropped.
-        {"flags", "others dropped", "e1ffff", "0"},
-        {"cpuinfo", "two packages, threads", twoSockets, "4|" + xeon},
-        {"cpuinfo", "no trailing blank line", "processor\t: 0\nmodel name\t: X\nphysical id\t: 0\ncore id\t\t: 0", "1|X"},
-        {"cpuinfo", "no core ids", "processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\nBogoMIPS\t: 50.00\n", "0|"},
-        {"cpuinfo", "core id without package", "processor\t: 0\ncore id\t\t: 0\n\n", "0|"},
-    };
-    for (const QStringList &row : rows)
-        QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
-}
-
-void tst_SysInfo::rules()
-{
-    QFETCH(QString, rule);
-    QFETCH(QString, input);
-    QFETCH(QString, expected);
-    const std::string text = input.toStdString();
-    QString found;
-    if (rule == "model")
-        found = QString::fromStdString(get_model_name(input.section('|', 0, 0).toStdString(), input.section('|', 1).toStdString()));
-    else if (rule == "summary")
-        found = QString::fromStdString(processorSummary(input.toInt()));
-    else if (rule == "flags")
-        found = QString::number(int(modifiersFromEventFlags(input.toULong(nullptr, 16))));
-    else
-        found = QStringLiteral("%1|%2").arg(cpuInfoCoreCount(text)).arg(QString::fromStdString(cpuInfoBrand(text)));
-    QCOMPARE(found, expected);
-}
-
-void tst_SysInfo::osVersion_data()
-{
-    QTest::addColumn<bool>("hasAppKit");
-    QTest::addColumn<double>("appKit");
-    QTest::addColumn<bool>("answers");
-    QTest::addColumn<int>("minor");
-    QTest::addColumn<QString>("logLine");
-    const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
-    QTest::newRow("10.6 bound") << true << 1138.0 << true << 6 << older.arg(QLatin1String("6 or earlier"), "1138.000000");
-    QTest::newRow("10.7 lowest") << true << 1138.5 << true << 7 << older.arg("7", "1138.500000");
-    QTest::newRow("10.8 bound") << true << 1187.0 << true << 8 << older.arg("8", "1187.000000");
-    QTest::newRow("10.9 exactly") << true << 1265.0 << false << 9 << older.arg("9", "1265.000000");
-    QTest::newRow("process info") << true << 1265.2 << true << 11
-                                  << "App is running under 10.11.6 [NSProcessInfo processInfo]";
-    QTest::newRow("no process info") << true << 1404.0 << false << 10
-                                     << "**** WARNING **** OS Version could not be determined";
-    QTest::newRow("no AppKit") << false << 0.0 << false << 10
-                               << "**** WARNING **** OS Version could not be determined";
-}
-
-void tst_SysInfo::osVersion()
-{
-    QFETCH(bool, hasAppKit);
-    QFETCH(double, appKit);
-    QFETCH(bool, answers);
-    QFETCH(int, minor);
-    QFETCH(QString, logLine);
-    MacVersionFacts facts;
-    facts.hasAppKit = hasAppKit;
-    facts.appKitVersion = appKit;
-    facts.answersOperatingSystemVersion = answers;
-    facts.minor = answers ? 11 : 0;
-    facts.patch = answers ? 6 : 0;
-    QCOMPARE(macOSMinorVersion(facts), minor);
-    const QStringList lines = logMessages(m_log);
-    QVERIFY(!lines.isEmpty());
-    QCOMPARE(lines.last(), logLine);
-}
-
-// Each answer against a source that does not go through the support library.
-void tst_SysInfo::thisMachine()
-{
-    const qint64 memTotal = meminfoValue("MemTotal");
-    QCOMPARE(sysctlbynameuint64("hw.memsize"), quint64(memTotal) * 1024);
-    uint32_t value = 0;
-    QCOMPARE(hn_ram(&value, false), 0u);
-    QCOMPARE(qint64(value), memTotal / 1024);
-    const int configured = commandCount({"getconf", "_NPROCESSORS_CONF"});
-    QVERIFY(configured > 0);
-    QCOMPARE(CCPUDirectory::NumberOfCPUs(true), configured);
-    QCOMPARE(CCPUDirectory::NumberOfLogicalThreads(), configured);
-    QCOMPARE(cpu_logical_count(), commandCount({"getconf", "_NPROCESSORS_ONLN"}));
-    const QStringList pairs = runProcess({"lscpu", "-p=SOCKET,CORE"}).out.split('\n').filter(QRegularExpression("^\\d+,\\d+$"));
-    const int cores = pairs.isEmpty() ? cpu_logical_count() : int(QSet<QString>(pairs.begin(), pairs.end()).size());
-    QCOMPARE(cpu_core_count(), cores);
-    uint64_t untouched = 42;
-    QVERIFY(!sysctlbynameuint64("hw.nosuchsetting", &untouched));
-    QCOMPARE(untouched, uint64_t(42));
-    QCOMPARE(sysctlbynamestring("kern.hostname"), std::string());
-    const std::string model = fileText("/sys/devices/virtual/dmi/id/product_name").trimmed().toStdString();
-    const std::string brand = sysctlbynamestring("machdep.cpu.brand_string");
-    QCOMPARE(sysctlbynamestring("hw.model"), model);
-    QCOMPARE(GetMacBrandCPU(), get_model_name(model, brand) + " " + brand);
-    char machine[512];
-    GetMacMachineSpecs(machine);
-    QCOMPARE(std::string(machine), get_model_name(model, brand) + processorSummary(cores));
-}
-
-void tst_SysInfo::liveInput()
-{
-    QWindow window;
-    window.resize(100, 100);
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-    QCOMPARE(int(MacGetModifierKeys()), 0);
-    QTest::keyPress(&window, Qt::Key_A, Qt::ShiftModifier | Qt::AltModifier);
-    QCOMPARE(int(MacGetModifierKeys()), int(Qt::ShiftModifier | Qt::AltModifier));
-    QTest::keyRelease(&window, Qt::Key_A, Qt::NoModifier);
-    QCOMPARE(int(MacGetModifierKeys()), 0);
-
-    QCOMPARE(MacMouseButtons(), 0ul);
-    QTest::mousePress(&window, Qt::RightButton);
-    QCOMPARE(MacMouseButtons(), 2ul);
-    QTest::mouseRelease(&window, Qt::RightButton);
-    QCOMPARE(MacMouseButtons(), 0ul);
-}
-
-void tst_SysInfo::withoutApplication()
-{
-    // A process with no application object: no crash, nothing held, the version undetermined.
-    const QString log = m_dir.filePath(QStringLiteral("probe.log"));
-    const ProcessResult result = runProcess({VELD_SUPPORTPROBE, "macopen", log, "machine"});
-    QCOMPARE(result.exitCode, 0);
-    const int processors = commandCount({"getconf", "_NPROCESSORS_CONF"});
-    QCOMPARE(result.out, QStringLiteral("macopen=1\nnull=ffffffff,ffffffff,ffffffff\nmodifiers=0 buttons=0 version=10\n"));
-    // Nothing for the null pointers; the count's line twice for hn_cpu_count.
-    const QString count = QStringLiteral("  system reports %1 processors\n").arg(processors);
-    QCOMPARE(result.err, QStringLiteral("  system reports %1MB RAM\n").arg(meminfoValue(QStringLiteral("MemTotal")) / 1024)
-                             + count + count + count);
-    QCOMPARE(logMessages(log), QStringList{QStringLiteral("**** WARNING **** OS Version could not be determined")});
-}
 
 QTEST_MAIN(tst_SysInfo)
 #include "tst_sysinfo.moc"

@@ -49,158 +49,152 @@ private slots:
     }
     // No window may outlive the test that made it.
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
-    void frameAndPageOrder();
-    void agreement_data();
-    void agreement();
-    void endsWithStatusZero_data();
-    void endsWithStatusZero();
-    void realInstallerStarts();
-};
 
-// The frame, its images (stored uncompressed), and the pages in the order
-// agreement, source, destination, installation, and back again to the
-// agreement, which stays accepted.
-void tst_Wizard::frameAndPageOrder()
-{
-    if (!inChild())
-        return runInBundle();
-    gAdminGid = 12345;
-    VELD_Installer wizard;
-    install_wizard = &wizard;
-    QCOMPARE(GetMainWindow(), static_cast<QWidget *>(&wizard));
-    QCOMPARE(gAdminGid, getGroupId(adminGroupName()));
-    QCOMPARE(wizard.windowTitle(), kWelcome);
-    QCOMPARE(wizard.page(kEulaPageId)->title(), kWelcome);
-    QCOMPARE(wizard.page(kSourcePageId)->title(), kWelcome);
-    wizard.SetWindowTitle("Datenbank \xc3\xbc\xe2\x82\xac");
-    QCOMPARE(wizard.windowTitle(), QStringLiteral("Datenbank \u00fc\u20ac"));
-    wizard.SetWindowTitle(std::string());   // restores the default
-    QCOMPARE(wizard.windowTitle(), kWelcome);
-    QCOMPARE(wizard.pixmap(QWizard::BackgroundPixmap).size(), QSize(615, 414));
-    for (const char *image : {":/images/VELD_DVD_Artwork.png", ":/images/app_64.png", ":/images/GNX_DVD_Artwork.png"})
-        QCOMPARE(QResource(image).compressionAlgorithm(), QResource::NoCompression);
-    QCOMPARE(QImage(":/images/app_64.png").size(), QSize(64, 64));
-    QVERIFY(qobject_cast<SourcePage *>(wizard.page(0)) && qobject_cast<EulaPage *>(wizard.page(1))
-            && qobject_cast<PickDestPage *>(wizard.page(2)) && qobject_cast<ConclusionPage *>(wizard.page(3)));
+    // The frame, its images (stored uncompressed), and the pages in the order
+    // agreement, source, destination, installation, and back again to the
+    // agreement, which stays accepted.
+    void frameAndPageOrder()
+    {
+        if (!inChild())
+            return runInBundle();
+        gAdminGid = 12345;
+        VELD_Installer wizard;
+        install_wizard = &wizard;
+        QCOMPARE(GetMainWindow(), static_cast<QWidget *>(&wizard));
+        QCOMPARE(gAdminGid, getGroupId(adminGroupName()));
+        QCOMPARE(wizard.windowTitle(), kWelcome);
+        QCOMPARE(wizard.page(kEulaPageId)->title(), kWelcome);
+        QCOMPARE(wizard.page(kSourcePageId)->title(), kWelcome);
+        wizard.SetWindowTitle("Datenbank \xc3\xbc\xe2\x82\xac");
+        QCOMPARE(wizard.windowTitle(), QStringLiteral("Datenbank \u00fc\u20ac"));
+        wizard.SetWindowTitle(std::string());   // restores the default
+        QCOMPARE(wizard.windowTitle(), kWelcome);
+        QCOMPARE(wizard.pixmap(QWizard::BackgroundPixmap).size(), QSize(615, 414));
+        for (const char *image : {":/images/VELD_DVD_Artwork.png", ":/images/app_64.png", ":/images/GNX_DVD_Artwork.png"})
+            QCOMPARE(QResource(image).compressionAlgorithm(), QResource::NoCompression);
+        QCOMPARE(QImage(":/images/app_64.png").size(), QSize(64, 64));
+        QVERIFY(qobject_cast<SourcePage *>(wizard.page(0)) && qobject_cast<EulaPage *>(wizard.page(1))
+                && qobject_cast<PickDestPage *>(wizard.page(2)) && qobject_cast<ConclusionPage *>(wizard.page(3)));
 
-    wizard.show();
-    clickAcceptBox(wizard);
-    QList<int> shown{wizard.currentId()};
-    while (wizard.button(QWizard::NextButton)->isVisible() && wizard.button(QWizard::NextButton)->isEnabled()) {
-        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
-        shown << wizard.currentId();
-    }
-    QCOMPARE(shown, (QList<int>{1, 0, 2, 3}));
-    QVERIFY(wizard.button(QWizard::FinishButton)->isVisible());
-    // The installation page, at work from the moment it shows, offers no way back.
-    QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());
-    wizard.back();
-    QList<int> back{wizard.currentId()};
-    while (wizard.button(QWizard::BackButton)->isEnabled()) {
-        QTest::mouseClick(wizard.button(QWizard::BackButton), Qt::LeftButton);
-        back << wizard.currentId();
-    }
-    QCOMPARE(back, (QList<int>{2, 0, 1}));
-    QVERIFY(wizard.page(kEulaPageId)->findChild<QCheckBox *>()->isChecked());
-    QVERIFY(wizard.button(QWizard::NextButton)->isEnabled());
-    install_wizard = nullptr;
-}
-
-void tst_Wizard::agreement_data()
-{
-    QTest::addColumn<bool>("present");   // the agreement file in the bundle
-    QTest::addColumn<int>("clicks");
-    QTest::newRow("untouched") << true << 0;
-    QTest::newRow("ticked, unticked") << true << 2;
-    QTest::newRow("no agreement file, ticked") << false << 1;
-}
-
-void tst_Wizard::agreement()
-{
-    QFETCH(bool, present);
-    QFETCH(int, clicks);
-    if (!inChild())
-        return runInBundle(present);
-    const QString file = QString::fromStdString(GetInstallPath()) + "/Contents/Resources/LicenseAgreement.html";
-    if (!present)
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No document for"));
-    VELD_Installer wizard;
-    wizard.show();
-    QWizardPage *page = wizard.page(kEulaPageId);
-    const auto *browser = page->findChild<QTextBrowser *>();
-    QCOMPARE(browser->source().scheme(), QString());
-    QCOMPARE(browser->source().path(), file);
-    QCOMPARE(browser->toPlainText().contains("End-User License Agreement"), present);
-    QCOMPARE(browser->toPlainText().isEmpty(), !present);
-    QCOMPARE(page->findChild<QLabel *>()->text(),
-             QStringLiteral("If you accept the terms of the agreement, click the check box below.  You must accept "
-                            "the agreement to install the Quorvan Spectra and Properties Database."));
-    QCOMPARE(page->findChild<QCheckBox *>()->text(), QStringLiteral("I accept the terms in the License Agreement"));
-    for (int i = 0; i < clicks; ++i)
+        wizard.show();
         clickAcceptBox(wizard);
-    const bool accepted = clicks % 2 == 1;
-    QCOMPARE(page->findChild<QCheckBox *>()->isChecked(), accepted);
-    QCOMPARE(wizard.button(QWizard::NextButton)->isEnabled(), accepted);
-    QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
-    QCOMPARE(wizard.currentId(), accepted ? kSourcePageId : kEulaPageId);
-}
-
-void tst_Wizard::endsWithStatusZero_data()
-{
-    QTest::addColumn<QString>("how");
-    QTest::newRow("window closed") << "close";
-    QTest::newRow("Escape key") << "escape";
-    QTest::newRow("Cancel on a later page") << "cancel-later";
-}
-
-// The event loop that main runs ends with status 0 however the user leaves.
-void tst_Wizard::endsWithStatusZero()
-{
-    QFETCH(QString, how);
-    if (!inChild())
-        return runInBundle();
-    VELD_Installer wizard;
-    wizard.show();
-    QTimer::singleShot(0, &wizard, [&] {
-        if (how == "close") {
-            wizard.close();
-        } else if (how == "escape") {
-            QTest::keyClick(&wizard, Qt::Key_Escape);
-        } else {
-            clickAcceptBox(wizard);
-            wizard.next();
-            wizard.next();
-            QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+        QList<int> shown{wizard.currentId()};
+        while (wizard.button(QWizard::NextButton)->isVisible() && wizard.button(QWizard::NextButton)->isEnabled()) {
+            QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+            shown << wizard.currentId();
         }
-    });
-    QTimer::singleShot(60000, qApp, [] { QCoreApplication::exit(99); });   // a hang fails instead
-    QCOMPARE(QApplication::exec(), 0);
-    QVERIFY(!wizard.isVisible());
-}
+        QCOMPARE(shown, (QList<int>{1, 0, 2, 3}));
+        QVERIFY(wizard.button(QWizard::FinishButton)->isVisible());
+        // The installation page, at work from the moment it shows, offers no way back.
+        QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());
+        wizard.back();
+        QList<int> back{wizard.currentId()};
+        while (wizard.button(QWizard::BackButton)->isEnabled()) {
+            QTest::mouseClick(wizard.button(QWizard::BackButton), Qt::LeftButton);
+            back << wizard.currentId();
+        }
+        QCOMPARE(back, (QList<int>{2, 0, 1}));
+        QVERIFY(wizard.page(kEulaPageId)->findChild<QCheckBox *>()->isChecked());
+        QVERIFY(wizard.button(QWizard::NextButton)->isEnabled());
+        install_wizard = nullptr;
+    }
 
-// The bundle's own executable starts, even without an administrators' group in a
-// private /etc/group, finds its log preference under its cleaned name and keeps running.
-void tst_Wizard::realInstallerStarts()
-{
-    QTemporaryDir prefs;
-    const QString log = prefs.path() + "/run.log";
-    QProcessEnvironment env = scratchPreferences(prefs.path());
-    writePreferences(prefs.path() + "/home/.config", "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    QVERIFY(writeFile(prefs.path() + "/group", "root:x:0:\nusers:x:100:\n"));
-    const QStringList command = wrapped({VELD_INSTALLER}, {inPrivateMounts("mount --bind \"$1\" /etc/group", {prefs.path() + "/group"})});
-    QProcess installer;
-    installer.setProcessEnvironment(env);
-    installer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    installer.start(command.first(), command.mid(1));
-    auto stop = qScopeGuard([&] {
-        installer.kill();
-        installer.waitForFinished(5000);
-    });
-    QVERIFY(installer.waitForStarted(5000));
-    QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith("---VELDInstaller["), 60000);
-    QVERIFY(!installer.waitForFinished(500));
-}
+    void agreement_data()
+    {
+        QTest::addColumn<bool>("present");   // the agreement file in the bundle
+        QTest::addColumn<int>("clicks");
+        QTest::newRow("untouched") << true << 0;
+        QTest::newRow("ticked, unticked") << true << 2;
+        QTest::newRow("no agreement file, ticked") << false << 1;
+    }
+
+    void agreement()
+    {
+        QFETCH(bool, present);
+        QFETCH(int, clicks);
+        if (!inChild())
+            return runInBundle(present);
+        const QString file = QString::fromStdString(GetInstallPath()) + "/Contents/Resources/LicenseAgreement.html";
+        if (!present)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No document for"));
+        VELD_Installer wizard;
+        wizard.show();
+        QWizardPage *page = wizard.page(kEulaPageId);
+        const auto *browser = page->findChild<QTextBrowser *>();
+        QCOMPARE(browser->source().scheme(), QString());
+        QCOMPARE(browser->source().path(), file);
+        QCOMPARE(browser->toPlainText().contains("End-User License Agreement"), present);
+        QCOMPARE(browser->toPlainText().isEmpty(), !present);
+        QCOMPARE(page->findChild<QLabel *>()->text(),
+                 QStringLiteral("If you accept the terms of the agreement, click the check box below.  You must accept "
+                                "the agreement to install the Quorvan Spectra and Properties Database."));
+        QCOMPARE(page->findChild<QCheckBox *>()->text(), QStringLiteral("I accept the terms in the License Agreement"));
+        for (int i = 0; i < clicks; ++i)
+            clickAcceptBox(wizard);
+        const bool accepted = clicks % 2 == 1;
+        QCOMPARE(page->findChild<QCheckBox *>()->isChecked(), accepted);
+        QCOMPARE(wizard.button(QWizard::NextButton)->isEnabled(), accepted);
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+        QCOMPARE(wizard.currentId(), accepted ? kSourcePageId : kEulaPageId);
+    }
+
+    void endsWithStatusZero_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::newRow("window closed") << "close";
+        QTest::newRow("Escape key") << "escape";
+        QTest::newRow("Cancel on a later page") << "cancel-later";
+    }
+
+    // The event loop that main runs ends with status 0 however the user leaves.
+    void endsWithStatusZero()
+    {
+        QFETCH(QString, how);
+        if (!inChild())
+            return runInBundle();
+        VELD_Installer wizard;
+        wizard.show();
+        QTimer::singleShot(0, &wizard, [&] {
+            if (how == "close") {
+                wizard.close();
+            } else if (how == "escape") {
+                QTest::keyClick(&wizard, Qt::Key_Escape);
+            } else {
+                clickAcceptBox(wizard);
+                wizard.next();
+                wizard.next();
+                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
+            }
+        });
+        QTimer::singleShot(60000, qApp, [] { QCoreApplication::exit(99); });   // a hang fails instead
+        QCOMPARE(QApplication::exec(), 0);
+        QVERIFY(!wizard.isVisible());
+    }
+
+    // The bundle's own executable starts, even without an administrators' group in a
+    // private /etc/group, finds its log preference under its cleaned name and keeps running.
+    void realInstallerStarts()
+    {
+        QTemporaryDir prefs;
+        const QString log = prefs.path() + "/run.log";
+        QProcessEnvironment env = scratchPreferences(prefs.path());
+        writePreferences(prefs.path() + "/home/.config", "com.halvorn.Quorvan", {"VELDInstaller_LogLocation=" + log});
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        QVERIFY(writeFile(prefs.path() + "/group", "root:x:0:\nusers:x:100:\n"));
+        const QStringList command = wrapped({VELD_INSTALLER}, {inPrivateMounts("mount --bind \"$1\" /etc/group", {prefs.path() + "/group"})});
+        QProcess installer;
+        installer.setProcessEnvironment(env);
+        installer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        installer.start(command.first(), command.mid(1));
+        auto stop = qScopeGuard([&] {
+            installer.kill();
+            installer.waitForFinished(5000);
+        });
+        QVERIFY(installer.waitForStarted(5000));
+        QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith("---VELDInstaller["), 60000);
+        QVERIFY(!installer.waitForFinished(500));
+    }
+};
 
 QTEST_MAIN(tst_Wizard)
 #include "tst_wizard.moc"
