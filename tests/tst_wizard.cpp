@@ -138,39 +138,6 @@ private slots:
         QCOMPARE(wizard.currentId(), accepted ? kSourcePageId : kEulaPageId);
     }
 
-    void endsWithStatusZero_data()
-    {
-        QTest::addColumn<QString>("how");
-        QTest::newRow("window closed") << "close";
-        QTest::newRow("Escape key") << "escape";
-        QTest::newRow("Cancel on a later page") << "cancel-later";
-    }
-
-    // The event loop that main runs ends with status 0 however the user leaves.
-    void endsWithStatusZero()
-    {
-        QFETCH(QString, how);
-        if (!inChild())
-            return runInBundle();
-        VELD_Installer wizard;
-        wizard.show();
-        QTimer::singleShot(0, &wizard, [&] {
-            if (how == "close") {
-                wizard.close();
-            } else if (how == "escape") {
-                QTest::keyClick(&wizard, Qt::Key_Escape);
-            } else {
-                clickAcceptBox(wizard);
-                wizard.next();
-                wizard.next();
-                QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-            }
-        });
-        QTimer::singleShot(60000, qApp, [] { QCoreApplication::exit(99); });   // a hang fails instead
-        QCOMPARE(QApplication::exec(), 0);
-        QVERIFY(!wizard.isVisible());
-    }
-
     // The bundle's own executable starts, even without an administrators' group in a
     // private /etc/group, finds its log preference under its cleaned name and keeps running.
     void realInstallerStarts()
