@@ -45,7 +45,7 @@ private slots:
     {
         QTest::addColumn<QString>("executable");
         QTest::addColumn<QStringList>("lines");   // "user:" or "system:" and a line of the log's domain
-        QTest::addColumn<QStringList>("calls");   // of the probe; %1 and %2: two log files, %3: one in a missing folder
+        QTest::addColumn<QStringList>("calls");   // run in order; %1 and %2: two log files, %3: one in a missing folder
         QTest::addColumn<QString>("out");
         QTest::addColumn<QString>("first");       // a pattern for what is added to %1, which held a line before
         QTest::addColumn<QString>("second");      // and to %2
@@ -81,8 +81,8 @@ private slots:
             << "" << start.arg("B") + line.arg("B", "x{8191}").chopped(1) + line.arg("B", "") << "";
     }
 
-    // The whole start (executable name to banner and key, preference to file, first
-    // lines) and the calls after it. Log files are appended to, never truncated.
+    // The whole start (executable name to banner and key, preference to file, first lines)
+    // and the calls after it, in a fresh process. Log files are appended to, never truncated.
     void runs()
     {
         QFETCH(QString, executable);
@@ -91,25 +91,40 @@ private slots:
         QFETCH(QString, out);
         QFETCH(QString, first);
         QFETCH(QString, second);
-        QTemporaryDir dir;
-        const QProcessEnvironment prefs = scratchPreferences(dir.path());
+        QTemporaryDir parentDir;
+        const QString dir = inChild() ? qEnvironmentVariable("VELD_LOGS") : parentDir.path();
         // The comma and the blank would split an unquoted preference value.
-        const QStringList files{dir.filePath("first, a.log"), dir.filePath("second.log"), dir.filePath("missing/x.log")};
-        for (int i = 0; i < 2; ++i)
-            QVERIFY(writeFile(files[i], "an earlier line\n"));
+        const QStringList files{dir + "/first, a.log", dir + "/second.log", dir + "/missing/x.log"};
         const auto placed = [&](QString text) { return text.replace("%1", files[0]).replace("%2", files[1]).replace("%3", files[2]); };
-        QStringList user, system;
-        for (const QString &pref : lines)
-            (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
-        for (QString &call : calls)
-            call = placed(call);
-        writePreferences(dir.path() + "/home/.config", "com.halvorn.Quorvan", user);
-        writePreferences(dir.path() + "/etc/xdg", "com.halvorn.Quorvan", system);
-        const QString probe = dir.filePath("bin/" + executable);
-        QVERIFY(writeFile(probe, fileBytes(VELD_SUPPORTPROBE), 0755));
-        const ProcessResult run = runProcess(QStringList{probe} + calls, prefs);
-        QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, out);
+        if (!inChild()) {
+            QProcessEnvironment env = scratchPreferences(dir);
+            QStringList user, system;
+            for (const QString &pref : lines)
+                (pref.startsWith("user:") ? user : system) << placed(pref.section(':', 1));
+            writePreferences(dir + "/home/.config", "com.halvorn.Quorvan", user);
+            writePreferences(dir + "/etc/xdg", "com.halvorn.Quorvan", system);
+            QVERIFY(writeFile(files[0], "an earlier line\n") && writeFile(files[1], "an earlier line\n"));
+            env.insert("VELD_LOGS", dir);
+            return runRowInChild({dir + "/bin/" + executable, {}, env});
+        }
+        QString printed;
+        for (int i = 0; i < calls.size(); ++i) {
+            const QString call = calls[i];
+            const auto next = [&] { return QFile::encodeName(placed(calls.value(++i))); };
+            if (call == "should") {
+                printed += QStringLiteral("should=%1\n").arg(ShouldStartMacLogging());
+            } else if (call == "felog") {
+                printed += QStringLiteral("felog=%1\n").arg(FELogging() != nullptr);
+            } else if (call == "open" || call == "xaction") {
+                const QByteArray a = next(), b = next();
+                call == "open" ? OpenMacLogWithBanner(a.constData(), b.constData()) : OpenXactionLog(a.constData(), b.constData());
+            } else {
+                const QByteArray text = call == "long" ? QByteArray(next().toInt(), 'x') : next() + '\n';
+                call == "cont" ? log_msg_cont("%s", text.constData())
+                               : call == "timemsg" ? log_time_msg(7, "%s", text.constData()) : log_msg("%s", text.constData());
+            }
+        }
+        QCOMPARE(printed, out);
         for (int i = 0; i < 2; ++i) {
             const QRegularExpression pattern(QRegularExpression::anchoredPattern("an earlier line\n" + (i ? second : first)));
             QVERIFY2(pattern.match(fileText(files[i])).hasMatch(), qPrintable(fileText(files[i])));

@@ -2,7 +2,6 @@
 #include "pages/pageids.h"
 #include "pages/pagestate.h"
 #include "pages/sourcepage.h"
-#include "platform/installpath.h"
 #include "workers/sizethread.h"
 #include "testsupport.h"
 #include "wizarddriver.h"
@@ -13,47 +12,27 @@
 #include <QPushButton>
 #include <QtTest>
 
-// The page's rows run in a copy of this program placed in a bundle laid out in
-// a temporary folder, in a mount namespace with an empty /media: there the
-// candidates beside the bundle and on the removable disk are exactly what the
-// row makes them.
+// The page's rows run in a copy of this program in a bundle laid out in a
+// temporary folder, in a mount namespace with an empty /media: there the
+// candidates beside the bundle and on the removable disk are what the row makes.
 
 namespace {
 
-const QString kFixedMessage = QStringLiteral(
-    "This Installer will copy or move the Quorvan Spectra and Properties Database from the source folders to your "
-    "hard disk.\n\nThe databases will occupy approximately %1 GB  of additional disk space.");
-const QString kChosenMessage = QStringLiteral(
-    "This Installer will copy or move the Quorvan Spectra and Properties Database from \"%1\" to your hard "
-    "disk.\n\nThe databases will occupy approximately %2 GB  of additional disk space.");
-const QString kNotFound = QStringLiteral(
-    "The VELDV400 database source folder was not found.\nPlease press \"Find data files\" to locate the "
-    "\"VELDV400\" database source files folder.");
-const QString kNoDataFiles = QStringLiteral(
-    "No VELDV400 database files were found in %1.\nPlease press \"Find data files\" to locate the \"VELDV400\" "
-    "database source files folder.");
-
-struct PageView {
-    SourcePage *page;
-    QLabel *label;
-    QPushButton *find;
-    QAbstractButton *next;
-};
-
-PageView view(QWizard &wizard)
-{
-    auto *page = qobject_cast<SourcePage *>(wizard.page(kSourcePageId));
-    return {page, page->findChild<QLabel *>(), page->findChild<QPushButton *>(), wizard.button(QWizard::NextButton)};
-}
+const QString kFixed = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from the "
+                                      "source folders to your hard disk.\n\nThe databases will occupy approximately %1 GB  of "
+                                      "additional disk space.");
+const QString kChosen = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from "
+                                       "\"%1\" to your hard disk.\n\nThe databases will occupy approximately %2 GB  of "
+                                       "additional disk space.");
+const QString kFind = QStringLiteral("\nPlease press \"Find data files\" to locate the \"VELDV400\" database source files folder.");
 
 // In the parent: lays out VELDV400 beside the bundle with files "name:size" and runs the row there.
 void runBesideSource(const QStringList &beside)
 {
-    QTemporaryDir layout(scratchTemplate("tst_sourcepage"));
+    QTemporaryDir layout;
     for (const QString &file : beside)
         QVERIFY(makeFile(layout.filePath("VELDV400/" + file.section(':', 0, 0)), file.section(':', 1).toLongLong()));
-    runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_sourcepage"),
-                   {inPrivateMounts("mount -t tmpfs tmpfs /media")}});
+    runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_sourcepage"), {inPrivateMounts("mount -t tmpfs tmpfs /media")}});
 }
 
 } // namespace
@@ -61,6 +40,19 @@ void runBesideSource(const QStringList &beside)
 class tst_SourcePage : public QObject
 {
     Q_OBJECT
+
+    SourcePage *page = nullptr;
+    QLabel *label = nullptr;
+    QPushButton *find = nullptr;
+    QAbstractButton *next = nullptr;
+
+    void view(QWizard &wizard)
+    {
+        page = qobject_cast<SourcePage *>(wizard.page(kSourcePageId));
+        label = page->findChild<QLabel *>();
+        find = page->findChild<QPushButton *>();
+        next = wizard.button(QWizard::NextButton);
+    }
 
 private slots:
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
@@ -107,28 +99,26 @@ private slots:
         QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
         const bool found = shown >= 0;
         VELD_Installer wizard;
-        const PageView source = view(wizard);
+        view(wizard);
         // Before any event is processed, so before any scan can have reported: a
         // found source makes the page complete at once.
-        QCOMPARE(source.page->dbSize, quint64(0));
-        QCOMPARE(source.find->isHidden(), found);
-        QCOMPARE(source.label->text(), found ? QString() : kNotFound);
-        QCOMPARE(source.page->isComplete(), found);
+        QCOMPARE(page->dbSize, quint64(0));
+        QCOMPARE(label->text(), found ? QString() : "The VELDV400 database source folder was not found." + kFind);
+        QCOMPARE(page->isComplete(), found);
         QCOMPARE(SizeThread::scansPending(), found);
         goToSourcePage(wizard);
-        QCOMPARE(wizard.currentId(), kSourcePageId);
         QVERIFY(SizeThread::waitForScans());
         // Leaving and coming back changes nothing.
         for (int visit = 0; visit < 2; ++visit) {
-            QCOMPARE(source.label->text(), found ? kFixedMessage.arg(::sizeFigure(quint64(shown))) : kNotFound);
-            QCOMPARE(source.page->dbSize, quint64(qMax(shown, qint64(0))));
-            QCOMPARE(source.find->isVisible(), !found);
-            QCOMPARE(source.next->isEnabled(), found);
-            if (!found)
-                return;
-            QCOMPARE(source.next->text(), QStringLiteral("Continue"));
-            wizard.next();
-            wizard.back();
+            QCOMPARE(label->text(), found ? kFixed.arg(::sizeFigure(quint64(shown))) : "The VELDV400 database source folder was not found." + kFind);
+            QCOMPARE(page->dbSize, quint64(qMax(shown, qint64(0))));
+            QCOMPARE(find->isVisible(), !found);
+            QCOMPARE(next->isEnabled(), found);
+            QCOMPARE(next->text(), found ? QStringLiteral("Continue") : next->text());
+            if (found) {
+                wizard.next();
+                wizard.back();
+            }
         }
     }
 
@@ -145,7 +135,7 @@ private slots:
         QFETCH(QStringList, choices);
         if (!inChild())
             return runBesideSource({});
-        QTemporaryDir home(scratchTemplate("home"));
+        QTemporaryDir home;
         QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
                                         "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
                                         "f|Big/b/z.qventry|1"}));
@@ -154,49 +144,39 @@ private slots:
         const bool held = choices.first() == "Big";
         if (held)
             ScanGate::close();
-
         VELD_Installer wizard;
-        const PageView source = view(wizard);
+        view(wizard);
         goToSourcePage(wizard);
-        QVERIFY(!source.next->isEnabled());
+        QVERIFY(!next->isEnabled());
         DialogAnswer answer;
         for (const QString &choice : choices) {
             answer.arm(choice.isEmpty() ? QString() : home.filePath(choice));
-            QTest::mouseClick(source.find, Qt::LeftButton);
-            QVERIFY(answer.answered);
-            QCOMPARE(answer.caption, QStringLiteral("Select Database directory"));
-            QCOMPARE(answer.startFolder, home.path());
-            QVERIFY(answer.dirsOnly);
-            QCOMPARE(source.label->text(), QStringLiteral("Scanning..."));
-            if (!held)
-                QVERIFY(SizeThread::waitForScans());
-            else if (choice == choices.first())
-                QVERIFY(ScanGate::waitUntilHeld());
+            QTest::mouseClick(find, Qt::LeftButton);
+            QVERIFY(answer.answered && answer.dirsOnly);
+            QCOMPARE(answer.caption + '|' + answer.startFolder, "Select Database directory|" + home.path());
+            QCOMPARE(label->text(), QStringLiteral("Scanning..."));
+            QVERIFY(held ? choice != choices.first() || ScanGate::waitUntilHeld() : SizeThread::waitForScans());
+            if (choice.startsWith("Empty"))
+                QCOMPARE(label->text(), "No VELDV400 database files were found in MyData." + kFind);
         }
         ScanGate::release();
         QVERIFY(SizeThread::waitForScans());
         QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-
-        const QString last = choices.last();
-        if (last.isEmpty() || last.startsWith("Empty")) {
-            QCOMPARE(source.label->text(), last.isEmpty() ? QStringLiteral("Scanning...") : kNoDataFiles.arg("MyData"));
-            QVERIFY(source.find->isVisible());
-            QVERIFY(!source.next->isEnabled());
-            QCOMPARE(source.page->dbSize, quint64(0));
-            return;
-        }
         // The page shows the last choice, and the list holds that folder's files and no one else's.
+        const QString last = choices.last();
         QList<QFileInfo> expected;
-        const quint64 total = SizeThread::dirSize(home.filePath(last), expected);
-        QCOMPARE(sResultList.size(), expected.size());
-        for (int i = 0; i < expected.size(); ++i)
-            QCOMPARE(sResultList.at(i).filePath(), expected.at(i).filePath());
-        QCOMPARE(source.label->text(), kChosenMessage.arg("MyData", ::sizeFigure(total)));
-        QCOMPARE(source.page->dbSize, total);
-        QVERIFY(source.find->isHidden());
-        QVERIFY(!source.find->isDefault());
-        QVERIFY(source.next->isEnabled());
-        QCOMPARE(source.next->text(), QStringLiteral("Continue"));
+        const quint64 total = last.isEmpty() ? 0 : SizeThread::dirSize(home.filePath(last), expected);
+        QStringList listed, expectedPaths;
+        for (int i = 0; i < qMax(sResultList.size(), expected.size()); ++i) {
+            listed << sResultList.value(i).filePath();
+            expectedPaths << expected.value(i).filePath();
+        }
+        QCOMPARE(listed, expectedPaths);
+        QCOMPARE(page->dbSize, total);
+        QCOMPARE(label->text(), last.isEmpty() ? "Scanning..." : kChosen.arg("MyData", ::sizeFigure(total)));
+        QCOMPARE(find->isHidden(), total > 0);
+        QCOMPARE(next->isEnabled(), total > 0);
+        QVERIFY(!find->isDefault() && (!total || next->text() == "Continue"));
     }
 
     void closeWhileScanning_data()
@@ -222,16 +202,12 @@ private slots:
             QVERIFY(ScanGate::waitUntilHeld());
             QTimer::singleShot(0, &wizard, [&] {
                 scanning = SizeThread::scansPending();
-                if (viaCancelButton)
-                    QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
-                else
-                    wizard.close();
+                viaCancelButton ? QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton) : void(wizard.close());
             });
             status = QApplication::exec();
         }
         QCOMPARE(status, 0);
-        QVERIFY(scanning);
-        QVERIFY(!SizeThread::scansPending());
+        QVERIFY(scanning && !SizeThread::scansPending());
         QCOMPARE(ScanGate::foldersAfterCancel(), 0);
     }
 };

@@ -214,12 +214,12 @@ private slots:
 
     void withoutApplication()
     {
-        // A process with no application object: no crash, nothing held, the version undetermined.
-        const QString log = m_dir.filePath(QStringLiteral("probe.log"));
-        const ProcessResult result = runProcess({VELD_SUPPORTPROBE, "macopen", log, "machine"});
+        // This program without any application object (see main): no crash, nothing held, the version undetermined.
+        const QString log = m_dir.filePath("bare.log");
+        const ProcessResult result = runProcess({QCoreApplication::applicationFilePath(), "--no-application", log});
         QCOMPARE(result.exitCode, 0);
         const int processors = commandCount({"getconf", "_NPROCESSORS_CONF"});
-        QCOMPARE(result.out, QStringLiteral("macopen=1\nnull=ffffffff,ffffffff,ffffffff\nmodifiers=0 buttons=0 version=10\n"));
+        QCOMPARE(result.out, QStringLiteral("null=ffffffff,ffffffff,ffffffff\nmodifiers=0 buttons=0 version=10\n"));
         // Nothing for the null pointers; the count's line twice for hn_cpu_count.
         const QString count = QStringLiteral("  system reports %1 processors\n").arg(processors);
         QCOMPARE(result.err, QStringLiteral("  system reports %1MB RAM\n").arg(meminfoValue(QStringLiteral("MemTotal")) / 1024)
@@ -232,5 +232,21 @@ private:
     QString m_log;
 };
 
-QTEST_MAIN(tst_SysInfo)
+int main(int argc, char **argv)
+{
+    if (argc == 3 && qstrcmp(argv[1], "--no-application") == 0) {
+        OpenMacLog(argv[2]);
+        uint32_t value = 0;
+        printf("null=%x,%x,%x\n", hn_ram(nullptr, true), hn_cpu_logical_count(nullptr, true), hn_cpu_count(nullptr, true));
+        hn_ram(&value, true);
+        hn_cpu_logical_count(&value, true);
+        hn_cpu_count(&value, true);
+        printf("modifiers=%d buttons=%lu version=%d\n", int(MacGetModifierKeys()), MacMouseButtons(), MacOSVersion());
+        return 0;
+    }
+    QApplication app(argc, argv);
+    tst_SysInfo test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_sysinfo.moc"
