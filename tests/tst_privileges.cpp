@@ -88,8 +88,7 @@ private slots:
             {"isUserInGroup: getGroupId veldguest returned *", "isUserInGroup: mkstemp(/tmp/qv_computecontrol.*) returned *",
              "isUserInGroup: fchown(*, -1, *) returned -1", "", "Operation not permitted"});
         row("root is in every group", "root", none, {"group", "veldguest"}, 1, none);
-        row("no such group: no file made", admin, none, {"group", "veld-no-such-group"}, 0, none, "0",
-            {"isUserInGroup: getGroupId veld-no-such-group returned -1"});
+        row("no such group: no file made", admin, none, {"group", "veld-no-such-group"}, 0, none);
         // Asking for rights (asked for, refused and dismissed in the rows below that need rights).
         row("administrator, no reason: the box still shows", admin, none, {"--noreason", "establish"}, 0, none, "1 info");
         row("not an administrator, box closed with Escape", guest, none, {"--escape", "establish"}, 1, none, "0 refused");
@@ -97,11 +96,10 @@ private slots:
         // fixupDirectory. Group and mode changed with one password: in "verify, parent's group and mode ...".
         row("fixup, not system-wide: nothing touched or logged", admin, {"d d root:root 0700"}, {"fixup", "@/d"}, 0,
             {"d root:root 700"}, "0", {"-"});
-        row("fixup, already the group's and writable: silent", admin, {"d d %u:%A 0775"}, fixup, 0, {"d %u:%A 775"}, "0", {"-"});
+        row("fixup, already the group's and writable: silent", admin, {"d d %u:%A 0775"}, fixup, 0, {"d %u:%A 775"});
         row("fixup, group changed by the user, already writable", admin, {"d d %u:%u 0775"}, fixup, 0, {"d %u:%A 775"});
         row("fixup, group write added by the user", admin, {"d d %u:%A 0750"}, fixup, 0, {"d %u:%A 775"});
-        row("fixup, group with rights", admin, {"d d root:root 0775"}, fixup, 0, {"d root:%A 775"}, "1 info",
-            {"fixupDirectory: trying to set chown group-admin perms on @/d", "<member>", succeeded});
+        row("fixup, group with rights", admin, {"d d root:root 0775"}, fixup, 0, {"d root:%A 775"}, "1 info");
         row("fixup, mode with rights", admin, {"d d root:%A 0755"}, fixup, 0, {"d root:%A 775"}, "1 info");
         row("fixup, missing", admin, none, fixup, 1, {"d absent"});
         row("fixup, a file", admin, {"d f %u:%u 0644"}, fixup, 2, {"d %u:%u 644"});
@@ -112,12 +110,10 @@ private slots:
         row("fixup, privileged chmod not started", admin, {"x d root:root 0755", "d d root:%A 0755"}, through, 5,
             {"d root:%A 755"}, "1 info");
         row("fixup, read-only file system: group", admin, {"d d %u:%u 0755"}, fixup, 4, {"d %u:%u 755"}, "0 - readonly");
-        row("fixup, read-only file system: mode", admin, {"d d %u:%A 0755"}, fixup, 6, {"d %u:%A 755"}, "0 - readonly",
-            {"fixupDirectory: Unable to add group write permission on directory...", "    @/d", "Read-only file system"});
+        row("fixup, read-only file system: mode", admin, {"d d %u:%A 0755"}, fixup, 6, {"d %u:%A 755"}, "0 - readonly");
 
         // createProductDirectory.
         row("product, not system-wide, refused", admin, none, {"product", "@/d"}, 3, {"d absent"});
-        row("product, not system-wide, made by the user", admin, {"w d %u:%u 0755"}, {"product", "@/w/d"}, 0, {"w/d %u:%u 755"});
         row("product, made by the user, then fixed up", admin, {"w d %u:%u 0755"}, {"--scope", "product", "@/w/d"}, 0,
             {"w/d %u:%A 775"});
         row("product, made with rights", admin, none, product, 0, {"d %u:%A 775"}, "1 info");
@@ -135,9 +131,7 @@ private slots:
         row("resource, not system-wide, refused", admin, none, {"resource", "@/p", "n"}, 5, {"p absent"});
         row("resource, made by the user, then fixed up", admin, {"w d %u:%u 0755"}, {"--scope", "resource", "@/w/p", "n"}, 0,
             {"w/p %u:%A 775", "w/p/n %u:%A 775"});
-        row("resource, made with rights", admin, none, resource, 0, {"p root:%A 775", "p/n %u:%A 775"}, "1 info",
-            {"createResourceDirectory: Unable to mkdir @/p, Permission denied",
-             "createResourceDirectory: trying to mkdir @/p with trampoline", "<member>", "createResourceDirectory: succeeded"});
+        row("resource, made with rights", admin, none, resource, 0, {"p root:%A 775", "p/n %u:%A 775"}, "1 info");
         row("resource, not an administrator", guest, none, resource, 4, {"p absent"}, "0 refused");
         row("resource, privileged mkdir of the parent not started", admin, {"x d root:root 0755"},
             {"--scope", "resource", "@/x/../p", "n"}, 1, {"p absent"}, "1 info");
@@ -165,8 +159,7 @@ private slots:
 
         // The service's launch definition, written through a temporary file.
         row("launchd, system-wide in root's folder: copied into place with rights", admin, ld, {"launchd", "@/ld/x.plist", "1"},
-            0, {"ld/x.plist root:root 644"}, "1 info",
-            {"createLaunchDaemonAgent: trying to cp /tmp/qv_computecontrol.* to @/ld/x.plist with trampoline", "<member>"});
+            0, {"ld/x.plist root:root 644"}, "1 info");
         row("launchd, system-wide, rights refused", guest, ld, {"launchd", "@/ld/x.plist", "1"}, 2, {"ld/x.plist absent"},
             "0 refused");
         row("launchd, per user in root's folder", admin, ld, {"launchd", "@/ld/x.plist", "0"}, 6, {"ld/x.plist absent"});
