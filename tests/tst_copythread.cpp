@@ -76,19 +76,17 @@ private slots:
         QVERIFY(QDir().mkpath(scratch.filePath("dest")));
         for (const QString &name : listed) {
             const QString path = source + '/' + name.mid(name.startsWith('-') ? 1 : 0);
-            if (!name.startsWith('-') && !QFileInfo::exists(path)) {
-                QVERIFY(makeFile(path, 1000 + path.size()));
-                QFile file(path);
-                QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(kOld, QFileDevice::FileModificationTime));
-                QVERIFY(file.setPermissions(QFileDevice::Permissions(0x6440)));
-            }
+            QFile file(path);
+            if (!name.startsWith('-') && !file.exists())
+                QVERIFY(makeFile(path, 1000 + path.size()) && file.open(QIODevice::ReadWrite) && file.setPermissions(QFileDevice::Permissions(0x6440))
+                        && file.setFileTime(kOld, QFileDevice::FileModificationTime));
             sResultList << QFileInfo(path);
         }
         sCopyFiles = move;
         CopyThread worker(nullptr, scratch.filePath(destination));
         sCopyFiles = !move;   // the choice was taken when the worker was made
         QCOMPARE(worker.getPath(), scratch.filePath(destination));
-        // Received queued, as the page receives them.
+        // Received queued, as the page receives them; a worker cancelled before it starts transfers nothing.
         QStringList events, expected{"result -100 " + kNoFiles};
         connect(&worker, &CopyThread::copyResult, &worker,
                 [&](int code, const QString &message) { events << QStringLiteral("result %1 %2").arg(code).arg(message); });
@@ -105,17 +103,12 @@ private slots:
 
         QDir dest(scratch.filePath("dest"));
         QCOMPARE(dest.entryList(QDir::Files), arrived);
-        for (const QString &name : arrived) {
-            const QFileInfo copy(dest.filePath(name));
-            // "-p" keeps the mode and the time; the file is whole.
-            QCOMPARE(copy.permissions() & 0x0fff, QFileDevice::Permissions(0x0640));
-            QCOMPARE(copy.lastModified(), kOld);
-            QVERIFY(copy.size() > 1000);
-        }
+        for (const QFileInfo &copy : dest.entryInfoList(QDir::Files))   // "-p" keeps the mode and the time; the file is whole
+            QVERIFY((copy.permissions() & 0x0fff) == 0x0640 && copy.lastModified() == kOld && copy.size() > 1000);
         QStringList left;
         for (const char *name : {"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"})
-            if (QFileInfo::exists(source + '/' + name))
-                left << name;
+            left << (QFileInfo::exists(source + '/' + name) ? name : "");
+        left.removeAll("");
         QCOMPARE(left, leftAtSource);
     }
 
@@ -134,9 +127,7 @@ private slots:
         QTemporaryDir scratch;
         const QString first = scratch.filePath("src/first.qventry"), endless = scratch.filePath("src/endless.qventry");
         const QString dest = scratch.filePath("dest");
-        QVERIFY(makeFile(first, 100));
-        QVERIFY(QDir().mkpath(dest));
-        QCOMPARE(mkfifo(QFile::encodeName(endless).constData(), 0644), 0);
+        QVERIFY(makeFile(first, 100) && QDir().mkpath(dest) && mkfifo(QFile::encodeName(endless).constData(), 0644) == 0);
         const int pipe = ::open(QFile::encodeName(endless).constData(), O_RDWR);
         auto closePipe = qScopeGuard([pipe] { ::close(pipe); });
         sResultList << QFileInfo(first) << QFileInfo(endless) << QFileInfo(first);
@@ -149,8 +140,7 @@ private slots:
         QCOMPARE(::write(pipe, data.constData(), size_t(data.size())), ssize_t(data.size()));   // read by the copy program
         QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + "/endless.qventry").size() == data.size(), 60000);
         const QList<pid_t> copying = processesMentioning(endless);
-        QCOMPARE(copying.size(), 1);
-        QCOMPARE(fileBytes(QStringLiteral("/proc/%1/cmdline").arg(copying.first())).split('\0'),
+        QCOMPARE(fileBytes(QStringLiteral("/proc/%1/cmdline").arg(copying.value(0))).split('\0'),
                  (QList<QByteArray>{"/bin/cp", "-pf", QFile::encodeName(endless), QFile::encodeName(dest) + '/', ""}));
         if (byDestruction) {
             delete worker;
@@ -162,8 +152,7 @@ private slots:
 
         // A destroyed worker's queued reports are dropped with it; a cancelled one's arrive.
         QCoreApplication::processEvents();
-        if (!byDestruction)
-            QCOMPARE(copied, 1);
+        QVERIFY(byDestruction || copied == 1);
         QCOMPARE(QDir(dest).entryList(QDir::Files), QStringList{"first.qventry"});
         QCOMPARE(processesMentioning(scratch.path()), QList<pid_t>());   // no copy program left
         delete worker;
