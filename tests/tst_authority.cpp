@@ -33,19 +33,14 @@ class tst_Authority : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(QFileInfo(kHelper).isExecutable());
-        m_file = m_dir.filePath("printed.txt");
-        QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444));
-    }
+    void initTestCase() { QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444)); }
 
+    // A scratch folder of root's, readable by everyone and writable by no one else.
     void init()
     {
-        QVERIFY(createCountingLauncher(m_dir.path()));
         static int serial = 0;
         m_scratch = m_dir.filePath(QString("scratch-%1").arg(++serial));
-        QVERIFY(QDir().mkpath(m_scratch));
+        QVERIFY(createCountingLauncher(m_dir.path()) && QDir().mkpath(m_scratch));
         QVERIFY(QFile::setPermissions(m_scratch, QFileDevice::Permissions(0x7555)));
     }
 
@@ -119,16 +114,14 @@ private slots:
         QFETCH(QString, complaint);
         QProcess helper;
         helper.start(kHelper, QStringList());
-        QVERIFY(helper.waitForStarted());
         helper.write(input);
         // Input that ends while a tool runs means the installer is gone: wait for the answers first.
         QByteArray answers;
         while (answers.size() < output.size() && helper.waitForReadyRead(60000))
             answers += helper.readAllStandardOutput();
         helper.closeWriteChannel();
-        QVERIFY(helper.waitForFinished(60000));
+        QVERIFY(helper.waitForFinished(60000) && helper.exitCode() == exitCode);
         QCOMPARE(answers + helper.readAllStandardOutput(), output);
-        QCOMPARE(helper.exitCode(), exitCode);
         const QString err = QString::fromUtf8(helper.readAllStandardError());
         QVERIFY2(complaint.isEmpty() ? !err.contains("refused") : err.contains(complaint), qPrintable(err));
     }
@@ -224,15 +217,12 @@ private slots:
             QCOMPARE(launches(m_dir.path()), 1);
             return;
         }
-        // The line of the refused right has no line break of its own.
+        // The line of the refused right has no line break of its own; each command then fails on its own line.
         const QString refused = QStringLiteral("AuthorizationCopyRights failed: status=%1").arg(status);
-        const int at = result.err.indexOf(refused);
-        QVERIFY2(at >= 0, qPrintable(result.err));
-        QVERIFY(result.err.mid(at + refused.size(), 1) != "\n");
-        QVERIFY(result.err.contains(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0755\n "
-                                                   "%1/g\n status=%2\n").arg(m_scratch).arg(status)));
-        QVERIFY(result.err.endsWith(QStringLiteral("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n -m\n 0700\n "
-                                                   "%1\n status=%2\n").arg(after).arg(status)));
+        QVERIFY2(result.err.contains(refused) && !result.err.contains(refused + '\n')
+                     && matchesGlob(result.err, QStringLiteral("*failed: /bin/mkdir\n -m\n 0755\n %2/g\n status=%1\n*failed: "
+                                                               "/bin/mkdir\n -m\n 0700\n %3\n status=%1\n").arg(status).arg(m_scratch, after)),
+                 qPrintable(result.err));
     }
 
     void helperEndsWithClient_data()
@@ -259,13 +249,11 @@ private slots:
         QVERIFY(waitFor("waiting"));
         const QList<pid_t> helpers = processesMentioning(kHelper);
         QCOMPARE(helpers.size(), 2);   // the launcher and the helper
-        if (killed) {
+        if (killed)
             ::kill(pid_t(client.processId()), SIGKILL);
-            QVERIFY(client.waitForFinished(60000));
-        } else {
+        else
             client.write("\n");
-            QVERIFY(waitFor("free=0 ref=null"));
-        }
+        QVERIFY(killed ? client.waitForFinished(60000) : waitFor("free=0 ref=null"));
         QVERIFY(allGone(helpers));
         client.write("\n");
         client.waitForFinished(5000);
@@ -284,10 +272,8 @@ private slots:
                                                  "3", "delete", "/nonexistent/d", "k", "free"},
                                                 withLauncher(helper, m_dir.filePath("launch")));
         QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
-        QVERIFY2(result.err.contains(QStringLiteral("veld-authhelper: cannot start %1: ").arg(defaults)), qPrintable(result.err));
-        QVERIFY(result.err.endsWith(" status=-60031\n"));
-        QCOMPARE(ownership(made), "root:root 700");
-        QCOMPARE(launches(m_dir.path()), 0);
+        QVERIFY2(matchesGlob(result.err, "*veld-authhelper: cannot start " + defaults + ": * status=-60031\n"), qPrintable(result.err));
+        QCOMPARE(ownership(made) + QString::number(launches(m_dir.path())), "root:root 7000");
     }
 
 private:
@@ -298,8 +284,8 @@ private:
     }
 
     QTemporaryDir m_dir;
-    QString m_scratch;   // root's, readable by everyone, writable by no one else
-    QString m_file;      // what a tool prints: more than one piece of output
+    QString m_scratch;
+    const QString m_file = m_dir.filePath("printed.txt");   // what a tool prints: more than one piece of output
 };
 
 QTEST_GUILESS_MAIN(tst_Authority)
