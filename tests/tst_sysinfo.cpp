@@ -98,17 +98,12 @@ private slots:
         QFETCH(QString, rule);
         QFETCH(QString, input);
         QFETCH(QString, expected);
-        const std::string text = input.toStdString();
-        QString found;
-        if (rule == "model")
-            found = QString::fromStdString(get_model_name(input.section('|', 0, 0).toStdString(), input.section('|', 1).toStdString()));
-        else if (rule == "summary")
-            found = QString::fromStdString(processorSummary(input.toInt()));
-        else if (rule == "flags")
-            found = QString::number(int(modifiersFromEventFlags(input.toULong(nullptr, 16))));
-        else
-            found = QStringLiteral("%1|%2").arg(cpuInfoCoreCount(text)).arg(QString::fromStdString(cpuInfoBrand(text)));
-        QCOMPARE(found, expected);
+        const std::string text = input.toStdString(), first = input.section('|', 0, 0).toStdString();
+        QCOMPARE(rule == "model"     ? QString::fromStdString(get_model_name(first, input.section('|', 1).toStdString()))
+                 : rule == "summary" ? QString::fromStdString(processorSummary(input.toInt()))
+                 : rule == "flags"   ? QString::number(int(modifiersFromEventFlags(input.toULong(nullptr, 16))))
+                                     : QString::number(cpuInfoCoreCount(text)) + '|' + QString::fromStdString(cpuInfoBrand(text)),
+                 expected);
     }
 
     void osVersion_data()
