@@ -33,7 +33,7 @@ private slots:
             return;
         m_dir.reset(new QTemporaryDir);
         m_env = scratchPreferences(m_dir->path());
-        m_user = m_dir->path() + "/home/.config";
+        m_user = m_env.value("XDG_CONFIG_HOME");
         m_system = m_dir->path() + "/etc/xdg";
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_user));
         qputenv("XDG_CONFIG_DIRS", QFile::encodeName(m_system));
@@ -47,9 +47,8 @@ private slots:
         for (int b = 0x80; b <= 0xff; ++b)
             upper.append(char(b));
         const QString decoded = textFromMacRoman(upper.constData());
-        QCOMPARE(decoded.size(), 128);
+        QVERIFY(decoded.size() == 128 && textFromMacRoman(nullptr).isNull());
         QCOMPARE(macRomanFromText(decoded, 4096), upper);
-        QCOMPARE(textFromMacRoman(nullptr), QString());
     }
 
     void readers_data()
@@ -166,6 +165,9 @@ private slots:
             << R"(umask 077; "$1" write "$2/d" K new && stat -c %a "$2/d.conf" >&2)" << 0 << "644" << "new,";
         QTest::newRow("write and delete keep the other keys") << R"("$1" write "$2/d" L two && "$1" delete "$2/d" L)" << 0
                                                               << "" << "old,";
+        // A reader that opened the file before the write reads the whole old one: a new file took its place.
+        QTest::newRow("a reader keeps the old file") << R"(exec 3< "$2/d.conf" && "$1" write "$2/d" K new && cat <&3 >&2)" << 0
+                                                     << "[General]\nK=old\n" << "new,";
         QTest::newRow("delete from a missing file makes none")
             << R"("$1" delete "$2/none" K && test ! -e "$2/none.conf")" << 0 << "" << same;
         QTest::newRow("another verb") << R"("$1" read "$2/d" K)" << 2 << "usage: veld-defaults write TARGET KEY VALUE" << same;
@@ -193,39 +195,17 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QString, message);
         QFETCH(QString, keys);
-        const QString folder = m_system;
-        const QString file = folder + QStringLiteral("/d.conf");
-        QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", folder).exitCode, 0);
+        const QString file = m_system + "/d.conf";
+        QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", m_system).exitCode, 0);
         const QByteArray before = fileBytes(file);
-
-        const ProcessResult result = runDefaultsScript(script, folder);
+        const ProcessResult result = runDefaultsScript(script, m_system);
         QCOMPARE(result.exitCode, exitCode);
-        if (message.isEmpty())
-            QCOMPARE(result.err, QString());
-        else
-            QVERIFY2(result.err.startsWith(QString(message).replace(QLatin1String("$2"), folder)), qPrintable(result.err));
+        QVERIFY2(message.isEmpty() ? result.err.isEmpty() : result.err.startsWith(QString(message).replace("$2", m_system)), qPrintable(result.err));
         const QSettings after(file, QSettings::IniFormat);
-        if (keys == QLatin1String("unchanged"))
-            QCOMPARE(fileBytes(file), before);
-        else
-            QCOMPARE(after.value("K").toString() + ',' + after.value("L").toString(), keys);
+        QCOMPARE(keys == "unchanged" ? fileBytes(file) : (after.value("K").toString() + ',' + after.value("L").toString()).toUtf8(),
+                 keys == "unchanged" ? before : keys.toUtf8());
         // No file of the tool's own is left beside the preferences.
-        QCOMPARE(QDir(folder).entryList({".veld-defaults*"}, QDir::AllEntries | QDir::Hidden), QStringList());
-    }
-
-    // A value is replaced by a whole new file put in the old one's place: a reader
-    // that opened the file before reads the whole old one, a later reader the whole new one.
-    void readersNeverSeeHalfAFile()
-    {
-        const QString folder = m_system;
-        const QString file = folder + QStringLiteral("/d.conf");
-        const QByteArray big(60000, 'v');
-        QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "0", folder).exitCode, 0);
-        QFile reader(file);
-        QVERIFY(reader.open(QIODevice::ReadOnly));
-        QCOMPARE(runDefaultsScript("\"$1\" write \"$2/d\" K " + big + "1", folder).exitCode, 0);
-        QCOMPARE(reader.readAll(), "[General]\nK=" + big + "0\n");
-        QCOMPARE(fileBytes(file), "[General]\nK=" + big + "1\n");
+        QCOMPARE(QDir(m_system).entryList({".veld-defaults*"}, QDir::AllEntries | QDir::Hidden), QStringList());
     }
 
     // On a file system that fills up during the write, the old file stays whole and nothing is left beside it.
