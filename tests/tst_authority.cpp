@@ -259,18 +259,14 @@ private slots:
         client.waitForFinished(5000);
     }
 
-    // A process that already runs as root starts the helper itself: no launcher.
-    // This helper's folder has no veld-defaults, so that tool cannot be started.
+    // A process that already runs as root starts the helper itself, without a launcher. This
+    // helper's folder has no veld-defaults, so that tool cannot be started.
     void directAsRoot()
     {
-        if (geteuid() != 0)
-            QSKIP("needs root");
-        const QString helper = m_scratch + "/bin/veld-authhelper";
-        QVERIFY(writeFile(helper, fileBytes(kHelper), 0500));
-        const QString made = m_scratch + "/r", defaults = m_scratch + "/bin/veld-defaults";
-        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults,
-                                                 "3", "delete", "/nonexistent/d", "k", "free"},
-                                                withLauncher(helper, m_dir.filePath("launch")));
+        const QString helper = m_scratch + "/bin/veld-authhelper", made = m_scratch + "/r", defaults = m_scratch + "/bin/veld-defaults";
+        QVERIFY(geteuid() == 0 && writeFile(helper, fileBytes(kHelper), 0500));
+        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults, "3",
+                                                 "delete", "/nonexistent/d", "k", "free"}, withLauncher(helper, m_dir.filePath("launch")));
         QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
         QVERIFY2(matchesGlob(result.err, "*veld-authhelper: cannot start " + defaults + ": * status=-60031\n"), qPrintable(result.err));
         QCOMPARE(ownership(made) + QString::number(launches(m_dir.path())), "root:root 7000");
