@@ -53,21 +53,18 @@ private slots:
             << "VELD In'staller-2.1_x" << QStringList{"user:VELDInstaller-2.1_x_LogLocation=\"%1\""} << hello << opened
             << start.arg("VELDInstaller-2.1_x") + line.arg("VELDInstaller-2.1_x", "hello");
 
-        QTest::newRow("second open keeps the first file")
-            << "probe" << QStringList() << QStringList{"open", "%1", "One", "open", "%2", "Two", "msg", "after"} << ""
-            << start.arg("One") + line.arg("One", "after");
-        QTest::newRow("nothing before the open, formats after it")
+        // Nothing before the open; a second open keeps the first file; an unended message of
+        // 8192 bytes runs into the next line's prefix, which shows where it was cut.
+        QTest::newRow("calls after the start")
             << "probe" << QStringList()
-            << QStringList{"msg", "lost", "open", "%1", "B", "msg", "one: 100%", "cont", "  two", "timemsg", "three"} << ""
-            << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three");
+            << QStringList{"msg", "lost", "open", "%1", "B", "open", "%2", "Two", "msg", "one: 100%", "cont", "  two", "timemsg",
+                           "three", "long", "8192", "msg", ""} << ""
+            << start.arg("B") + line.arg("B", "one: 100%") + "  two\n" + line.arg("B", "three") + line.arg("B", "x{8191}").chopped(1)
+                   + line.arg("B", "");
         QTest::newRow("transaction log from its key")
             << "probe" << QStringList{"system:ExchangeLog=\"%1\""}
             << QStringList{"xaction", "MissingKey", "Nobody", "xaction", "ExchangeLog", "Exchange", "msg", "done"} << ""
             << start.arg("Exchange") + line.arg("Exchange", "done");
-        // An unended message runs into the next line's prefix, which shows where it was cut.
-        QTest::newRow("message of 8192 bytes")
-            << "probe" << QStringList() << QStringList{"open", "%1", "B", "long", "8192", "msg", ""}
-            << "" << start.arg("B") + line.arg("B", "x{8191}").chopped(1) + line.arg("B", "");
     }
 
     // The whole start (executable name to banner and key, preference to file, first lines)
