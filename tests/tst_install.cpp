@@ -6,7 +6,6 @@
 #include "platform/prefstore.h"
 #include "platform/users.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QAbstractButton>
 #include <QDirIterator>

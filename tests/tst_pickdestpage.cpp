@@ -7,7 +7,6 @@
 #include "platform/volume.h"
 #include "workers/sizethread.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QApplication>
 #include <QPushButton>

@@ -4,7 +4,6 @@
 #include "platform/users.h"
 #include "service/launchdaemon.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QApplication>
 #include <QRegularExpression>

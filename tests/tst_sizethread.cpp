@@ -1,7 +1,6 @@
 #include "pages/pagestate.h"
 #include "workers/sizethread.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QDir>
 #include <QPointer>

@@ -4,7 +4,6 @@
 #include "pages/sourcepage.h"
 #include "workers/sizethread.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QAbstractButton>
 #include <QApplication>

@@ -7,7 +7,6 @@
 #include "platform/privileges.h"
 #include "platform/users.h"
 #include "testsupport.h"
-#include "wizarddriver.h"
 
 #include <QAbstractButton>
 #include <QApplication>
