@@ -70,48 +70,28 @@ private slots:
         QVERIFY2(lint.exitCode == 0, qPrintable(lint.err));
     }
 
-    void locations_data()
-    {
-        QTest::addColumn<int>("scope");
-        QTest::addColumn<QByteArray>("home");   // null: unset
-        QTest::addColumn<QString>("location");
-        QTest::newRow("system-wide") << 1 << QByteArray("/home/me") << "/Library/LaunchDaemons/com.halvorn.qv_computeservice.plist";
-        QTest::newRow("per user") << 0 << QByteArray("/home/me") << "/home/me/Library/LaunchAgents/com.halvorn.qv_computeservice.plist";
-        QTest::newRow("per user, no HOME") << 0 << QByteArray() << "";
-    }
-
-    void locations()
-    {
-        QFETCH(int, scope);
-        QFETCH(QByteArray, home);
-        QFETCH(QString, location);
-        const QByteArray saved = qgetenv("HOME");
-        home.isNull() ? qunsetenv("HOME") : qputenv("HOME", home);
-        gSystemScope = scope;
-        const std::string found = getServerPlistLocation();
-        gSystemScope = 0;
-        qputenv("HOME", saved);
-        QCOMPARE(QString::fromStdString(found), location);
-    }
-
-    // The definition's presence in the per-user location, then the lock file.
-    void lockFile()
+    // The definition's locations, its presence in the per-user one, then the lock file.
+    void locationsAndLock()
     {
         QTemporaryDir dir;
         const QByteArray home = qgetenv("HOME");
+        qunsetenv("HOME");
+        const std::string withoutHome = getServerPlistLocation();
+        gSystemScope = 1;
+        const std::string systemWide = getServerPlistLocation();
+        gSystemScope = 0;
         qputenv("HOME", QFile::encodeName(dir.path()));
+        QCOMPARE(QString::fromStdString(withoutHome + '|' + systemWide + '|' + getServerPlistLocation()),
+                 "|/Library/LaunchDaemons/com.halvorn.qv_computeservice.plist|" + dir.path()
+                     + "/Library/LaunchAgents/com.halvorn.qv_computeservice.plist");
         QCOMPARE(verifyServerPlist(), ENOENT);
-        QVERIFY(QDir().mkpath(dir.filePath("Library/LaunchAgents")));
-        QCOMPARE(createLaunchDaemonAgent(getServerPlistLocation().c_str(), false, true), 0);
-        QCOMPARE(verifyServerPlist(), 0);
+        QVERIFY(QDir().mkpath(dir.filePath("Library/LaunchAgents")) && QDir().mkpath(dir.filePath("QuorvanServer")));
+        QVERIFY(createLaunchDaemonAgent(getServerPlistLocation().c_str(), false, true) == 0 && verifyServerPlist() == 0);
         qputenv("HOME", home);
-        QVERIFY(QDir().mkpath(dir.filePath("QuorvanServer")));
         createServerControlLockFile(QFile::encodeName(dir.path()).constData());
         const QString lock = dir.filePath("QuorvanServer/Control.pid");
         QCOMPARE(fileText(lock), QStringLiteral("%1 %2").arg(getpid()).arg(QString::fromStdString(getUserName(getuid()))));
-        QCOMPARE(removeServerControlLockFile(), 0);
-        QVERIFY(!QFileInfo::exists(lock));
-        QCOMPARE(removeServerControlLockFile(), -1);
+        QVERIFY(removeServerControlLockFile() == 0 && !QFileInfo::exists(lock) && removeServerControlLockFile() == -1);
         const QString missing = dir.filePath("none");
         QCOMPARE(standardErrorOf([&] { createServerControlLockFile(QFile::encodeName(missing).constData()); }),
                  QStringLiteral("createPidLockFile:Unable to create/write control pid lock file, %1/QuorvanServer/Control.pid\n"
