@@ -108,24 +108,20 @@ private slots:
 
         if (!inChild()) {
             // The source: files in two folders, owned by the user, written out so that each takes room.
-            QTemporaryDir layout, destDisk(place == "tmp" ? m_dir.filePath("dest-XXXXXX") : scratchTemplate("tst_install"));
-            const QString source = layout.filePath("VELDV400");
-            for (const char *folder : {"VELDV400", "home", "xdg"})
-                QVERIFY(QDir().mkpath(layout.filePath(folder)));
+            // The parent of the destination on /tmp, the source's disk, or on a memory file system.
+            QTemporaryDir layout, destDisk(place == "tmp" ? m_dir.filePath("dest-XXXXXX") : "/dev/shm/tst_install-XXXXXX");
+            const QString source = layout.filePath("VELDV400"), parent = destDisk.filePath("parent");
+            QVERIFY(QDir().mkpath(layout.filePath("home")) && QDir().mkpath(layout.filePath("xdg")) && QDir().mkpath(parent));
             for (int i = 1; i <= files; ++i)
                 QVERIFY(writeFile(source + QStringLiteral("/sub%1/d%2.qventry").arg(i % 2).arg(i), QByteArray(1000, 'x')));
-            QVERIFY(writeFile(source + "/readme.txt", "not data"));
+            QVERIFY(writeFile(source + "/readme.txt", "not data") && createCountingLauncher(m_dir.path()));
             QCOMPARE(runProcess({"chown", "-R", user + ':' + user, source, layout.filePath("home")}).exitCode, 0);
-            for (const QString &folder : {layout.path(), destDisk.path()})
-                QVERIFY(QFile::setPermissions(folder, QFileDevice::Permissions(0x7755)));
-            const QString parent = destDisk.filePath("parent");
-            QVERIFY(QDir().mkpath(parent));
             QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : user + ':' + user, parent}).exitCode, 0);
-            QVERIFY(createCountingLauncher(m_dir.path()));
+            QCOMPARE(runProcess({"chmod", "755", layout.path(), destDisk.path()}).exitCode, 0);
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
             env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
-            env.insert("XDG_CONFIG_HOME", layout.filePath("home"));
-            env.insert("HOME", layout.filePath("home"));
+            for (const char *name : {"XDG_CONFIG_HOME", "HOME"})
+                env.insert(name, layout.filePath("home"));
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_PARENT", place.isEmpty() ? QString() : parent);
             env.insert("VELD_LAUNCHES", m_dir.filePath("launches"));
@@ -147,10 +143,9 @@ private slots:
         goToDestPage(wizard);
         if (!place.isEmpty())
             choose(wizard, parent);
-        QStringList order;   // of the scan
-        QStringList kept = all;   // at the source, for a copy
+        QStringList order, kept = all;   // the scan's order; what stays at the source of a copy
         for (const QFileInfo &file : sResultList)
-            order << file.fileName();
+            order << file.fileName() + ":1000";
         // A cancelled transfer stops while the copy program reads a pipe that never ends in place of a file.
         const QString gate = sResultList.value(cancelAfter).absoluteFilePath();
         if (cancelAfter > 0) {
@@ -158,19 +153,17 @@ private slots:
             QVERIFY(::unlink(path.constData()) == 0 && ::mkfifo(path.constData(), 0644) == 0);
             const int pipe = ::open(path.constData(), O_RDWR);
             QVERIFY(pipe >= 0 && ::write(pipe, "partial", 7) == 7);
-            kept.removeOne(QFileInfo(gate).fileName() + ":1000");
+            kept.removeOne(order.value(cancelAfter));
         }
         QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
         QVERIFY2(wizard.currentId() == int(kConclusionPageId), qPrintable(wizard.currentPage()->subTitle()));
         QWizardPage *page = wizard.currentPage();
         QCOMPARE(sCopyFiles, place == "tmp");   // moved on the same disk
-        QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled());
-        QVERIFY(!wizard.button(QWizard::FinishButton)->isEnabled());
+        QVERIFY(!wizard.button(QWizard::BackButton)->isEnabled() && !wizard.button(QWizard::FinishButton)->isEnabled());
         auto *bar = page->findChild<QProgressBar *>();
         if (cancelAfter > 0) {
             QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dest + '/' + QFileInfo(gate).fileName()).size() == 7, 60000);
-            QCOMPARE(bar->value(), cancelAfter);
-            QVERIFY(!page->isComplete());
+            QVERIFY(bar->value() == cancelAfter && !page->isComplete());
             // As in the installer: the wizard closes, and then the program's end destroys it.
             QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton);
             QVERIFY(!wizard.isVisible());
@@ -178,9 +171,7 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(page->isComplete(), 120000);
             QVERIFY2(matchesGlob(page->title() + '|' + page->subTitle(), QString(outcome).replace('@', parent)),
                      qPrintable(page->title() + '|' + page->subTitle()));
-            QVERIFY(bar->isHidden());
-            QVERIFY(wizard.button(QWizard::BackButton)->isEnabled());
-            QCOMPARE(wizard.field("path").toString(), dest);
+            QVERIFY(bar->isHidden() && wizard.button(QWizard::BackButton)->isEnabled() && wizard.field("path").toString() == dest);
         }
         owned.reset();
 
@@ -189,14 +180,10 @@ private slots:
         QCOMPARE(fileBytes(qEnvironmentVariable("VELD_LAUNCHES")).count('\n'), launches);
         QCOMPARE((QStringList{ownership(parent), ownership(dest)}),
                  folders.replaceInStrings("%A", QString::fromLatin1(adminGroupName())));
-        QStringList arrivedFiles = QDir(dest).entryList(QDir::Files | QDir::Hidden);
-        for (QString &file : arrivedFiles)
-            file += ':' + QString::number(QFileInfo(dest + '/' + file).size());
-        arrivedFiles.sort();
         // Whole files; after a cancel, those before the cut in the scan's order.
         QStringList before = order.mid(0, cancelAfter);
-        before.replaceInStrings(QRegularExpression("$"), ":1000").sort();
-        QCOMPARE(arrivedFiles, arrived == "all" ? all : arrived == "cut" ? before : QStringList());
+        before.sort();
+        QCOMPARE(dataFiles(dest), arrived == "all" ? all : arrived == "cut" ? before : QStringList());
         QCOMPARE(dataFiles(source), sCopyFiles ? QStringList() : kept);
         const QString prefFile = qEnvironmentVariable("XDG_CONFIG_DIRS") + '/' + kDomain + ".conf";
         QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), preference ? dest.toUtf8() : QByteArray());
