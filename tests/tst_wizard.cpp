@@ -1,34 +1,75 @@
 #include "app/veld_installer.h"
 #include "pages/conclusionpage.h"
 #include "pages/eulapage.h"
+#include "pages/pageids.h"
+#include "pages/pagestate.h"
 #include "pages/pickdestpage.h"
 #include "pages/sourcepage.h"
 #include "platform/installpath.h"
+#include "platform/locations.h"
 #include "platform/privileges.h"
 #include "platform/users.h"
+#include "platform/volume.h"
+#include "workers/sizethread.h"
 #include "testsupport.h"
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
 #include <QLabel>
+#include <QPushButton>
 #include <QResource>
 #include <QTextBrowser>
 #include <QtTest>
 
+// The wizard and its pages, driven as a user drives them. The page rows run in a copy of this program
+// in a bundle in a temporary layout folder, in a private mount namespace whose /media is empty: there
+// layout/VELDV400 is the source beside the bundle, the removable disk is what the row makes it, and
+// small memory file systems stand in for other disks, full ones included.
+
 namespace {
 
 const QString kWelcome = QStringLiteral("Welcome to the Quorvan Spectra and Properties Database Installer");
+const QString kFixed = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from the "
+                                      "source folders to your hard disk.\n\nThe databases will occupy approximately %1 GB  of "
+                                      "additional disk space.");
+const QString kChosen = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from "
+                                       "\"%1\" to your hard disk.\n\nThe databases will occupy approximately %2 GB  of "
+                                       "additional disk space.");
+const QString kFind = QStringLiteral("\nPlease press \"Find data files\" to locate the \"VELDV400\" database source files folder.");
+const QString kStoredIn = QStringLiteral("The database will be stored in\n\n%1\n\nClick \"Continue\" to install here, or "
+                                         "\"Choose\" to select another location.");
+const QString kMoved = QStringLiteral("The files will be moved to the selected location.");
+const QString kNoRoom = QStringLiteral("The selected disk does not have enough free space to store the database (%1 "
+                                       "additional needed). Please select another location.");
+const QStringList kSmallSource{"f|VELDV400/sample.qventry|19"};
+const QStringList kDestLayout{"f|VELDV400/data/a.qventry|1000", "d|Other Disk é"};
 
-// In the parent: runs the row in a copy of this program in a bundle beside a
-// small source, with the agreement file in the bundle unless told otherwise.
-void runInBundle(bool agreement = true)
+QString layoutFolder()
 {
+    return QFileInfo(QString::fromStdString(GetInstallPath()) + "/..").absoluteFilePath();
+}
+
+QStringList besideSource(const QStringList &files)   // "name:size" below VELDV400
+{
+    QStringList entries;
+    for (const QString &file : files)
+        entries << "f|VELDV400/" + file.section(':', 0, 0) + '|' + file.section(':', 1);
+    return entries;
+}
+
+// In the parent: runs the row in a layout holding entries (tree lines) and, in the bundle, the agreement,
+// after the shell command setup ("$1": the layout) in the row's private mount namespace.
+void runInLayout(const QStringList &entries, const QString &setup = "true", bool agreement = true)
+{
+    if (runProcess(wrapped({"true"}, {inPrivateMounts("true")})).exitCode != 0)
+        QSKIP("needs a private mount namespace (root, or unprivileged user namespaces)");
     QTemporaryDir layout;
-    QVERIFY(writeFile(layout.filePath("VELDV400/sample.qventry"), "VELDV400 test data\n"));
-    QVERIFY(!agreement || writeFile(layout.filePath("Wizard Test.app/Contents/Resources/LicenseAgreement.html"),
+    QVERIFY(buildTree(layout.path(), entries));
+    QVERIFY(!agreement || writeFile(layout.filePath("Test Installer.app/Contents/Resources/LicenseAgreement.html"),
                                     fileBytes(QFileInfo(VELD_INSTALLER).path() + "/../Resources/LicenseAgreement.html")));
-    runRowInChild({layout.filePath("Wizard Test.app/Contents/MacOS/tst_wizard")});
+    runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_wizard"),
+                   {inPrivateMounts("mount -t tmpfs tmpfs /media && " + setup, {layout.path()})}});
 }
 
 } // namespace
@@ -38,6 +79,18 @@ class tst_Wizard : public QObject
     Q_OBJECT
 
     QTemporaryDir m_prefs;
+    SourcePage *page = nullptr;   // the source page's parts
+    QLabel *label = nullptr;
+    QPushButton *find = nullptr;
+    QAbstractButton *next = nullptr;
+
+    void view(QWizard &wizard)
+    {
+        page = qobject_cast<SourcePage *>(wizard.page(kSourcePageId));
+        label = page->findChild<QLabel *>();
+        find = page->findChild<QPushButton *>();
+        next = wizard.button(QWizard::NextButton);
+    }
 
 private slots:
     void initTestCase()
@@ -54,7 +107,7 @@ private slots:
     void frameAndPageOrder()
     {
         if (!inChild())
-            return runInBundle();
+            return runInLayout(kSmallSource);
         gAdminGid = 12345;
         VELD_Installer wizard;
         install_wizard = &wizard;
@@ -97,7 +150,7 @@ private slots:
         QFETCH(bool, present);
         QFETCH(int, clicks);
         if (!inChild())
-            return runInBundle(present);
+            return runInLayout(kSmallSource, "true", present);
         const QString file = QString::fromStdString(GetInstallPath()) + "/Contents/Resources/LicenseAgreement.html";
         if (!present)
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No document for"));
@@ -140,6 +193,336 @@ private slots:
         QVERIFY(installer.waitForStarted(5000));
         QTRY_VERIFY_WITH_TIMEOUT(logMessages(log).value(0).startsWith("---VELDInstaller["), 60000);
         QVERIFY(!installer.waitForFinished(500));
+    }
+
+    void sizeFigure_data()
+    {
+        QTest::addColumn<quint64>("bytes");
+        QTest::addColumn<QString>("figure");
+        QTest::newRow("12345678901") << quint64(12345678901) << "12.35";
+        QTest::newRow("999999999 rounds up") << quint64(999999999) << "1.00";
+        QTest::newRow("largest") << quint64(18446744073709551615u) << "18446744073.71";
+    }
+
+    // The same figure whatever the user's locale.
+    void sizeFigure()
+    {
+        QFETCH(quint64, bytes);
+        QFETCH(QString, figure);
+        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
+            QLocale::setDefault(locale);
+            QCOMPARE(::sizeFigure(bytes), figure);
+        }
+        QLocale::setDefault(QLocale::c());
+    }
+
+    void fixedSource_data()
+    {
+        QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
+        QTest::addColumn<qint64>("removable");     // size of a data file on the removable disk, or -1
+        QTest::addColumn<qint64>("shown");         // the total the page shows for the source it finds, or -1
+        QTest::newRow("only on the removable disk") << QStringList{} << qint64(2222222222) << qint64(2222222222);
+        QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << qint64(2222222222) << qint64(10);
+        QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << qint64(-1) << qint64(0);
+        QTest::newRow("neither") << QStringList{} << qint64(-1) << qint64(-1);
+    }
+
+    void fixedSource()
+    {
+        QFETCH(QStringList, beside);
+        QFETCH(qint64, removable);
+        QFETCH(qint64, shown);
+        if (!inChild())
+            return runInLayout(besideSource(beside));
+        QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
+        const bool found = shown >= 0;
+        VELD_Installer wizard;
+        view(wizard);
+        // Before any event is processed, so before any scan can have reported: a found source makes the page complete at once.
+        const QString notFound = "The VELDV400 database source folder was not found." + kFind;
+        QVERIFY(page->dbSize == 0 && page->isComplete() == found && SizeThread::scansPending() == found);
+        QCOMPARE(label->text(), found ? QString() : notFound);
+        goToSourcePage(wizard);
+        QVERIFY(SizeThread::waitForScans());
+        for (int visit = 0; visit < 2; ++visit) {   // leaving and coming back changes nothing
+            QCOMPARE(label->text(), found ? kFixed.arg(::sizeFigure(quint64(shown))) : notFound);
+            QVERIFY(page->dbSize == quint64(qMax(shown, qint64(0))) && find->isVisible() != found && next->isEnabled() == found);
+            QVERIFY(!found || next->text() == "Continue");
+            wizard.next();
+            wizard.back();
+        }
+    }
+
+    void chooseFolder_data()
+    {
+        QTest::addColumn<QStringList>("choices");   // folders below HOME in the order chosen; "" cancels
+        QTest::newRow("dialog cancelled") << QStringList{""};
+        QTest::newRow("empty, then 5 GB") << QStringList{"Empty/MyData", "Data/MyData"};
+        QTest::newRow("a second choice while the first is measured") << QStringList{"Big", "Data/MyData"};
+    }
+
+    void chooseFolder()
+    {
+        QFETCH(QStringList, choices);
+        if (!inChild())
+            return runInLayout({});
+        QTemporaryDir home;
+        QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
+                                        "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
+                                        "f|Big/b/z.qventry|1"}));
+        qputenv("HOME", QFile::encodeName(home.path()));
+        // "Big" is still measured when the next choice comes; every other choice is measured before the next.
+        const bool held = choices.first() == "Big";
+        if (held)
+            ScanGate::close();
+        VELD_Installer wizard;
+        view(wizard);
+        goToSourcePage(wizard);
+        QVERIFY(!next->isEnabled());
+        DialogAnswer answer;
+        for (const QString &choice : choices) {
+            answer.arm(choice.isEmpty() ? QString() : home.filePath(choice));
+            QTest::mouseClick(find, Qt::LeftButton);
+            QVERIFY(answer.answered && answer.dirsOnly);
+            QCOMPARE(answer.caption + '|' + answer.startFolder, "Select Database directory|" + home.path());
+            QCOMPARE(label->text(), QStringLiteral("Scanning..."));
+            QVERIFY(held ? choice != choices.first() || ScanGate::waitUntilHeld() : SizeThread::waitForScans());
+            if (choice.startsWith("Empty"))
+                QCOMPARE(label->text(), "No VELDV400 database files were found in MyData." + kFind);
+        }
+        ScanGate::release();
+        QVERIFY(SizeThread::waitForScans());
+        QCOMPARE(ScanGate::foldersAfterCancel(), 0);
+        // The page shows the last choice, and the list holds that folder's files and no one else's.
+        const QString last = choices.last();
+        QList<QFileInfo> expected;
+        const quint64 total = last.isEmpty() ? 0 : SizeThread::dirSize(home.filePath(last), expected);
+        QStringList listed, expectedPaths;
+        for (int i = 0; i < qMax(sResultList.size(), expected.size()); ++i) {
+            listed << sResultList.value(i).filePath();
+            expectedPaths << expected.value(i).filePath();
+        }
+        QCOMPARE(listed, expectedPaths);
+        QCOMPARE(page->dbSize, total);
+        QCOMPARE(label->text(), last.isEmpty() ? "Scanning..." : kChosen.arg("MyData", ::sizeFigure(total)));
+        QCOMPARE(find->isHidden(), total > 0);
+        QCOMPARE(next->isEnabled(), total > 0);
+        QVERIFY(!find->isDefault() && (!total || next->text() == "Continue"));
+    }
+
+    void closeWhileScanning_data()
+    {
+        QTest::addColumn<bool>("viaCancelButton");
+        QTest::newRow("Cancel") << true;
+        QTest::newRow("window closed") << false;
+    }
+
+    // The wizard is left while the scan is held among its folders: the event
+    // loop ends with 0, and the wizard goes away without the walk going further.
+    void closeWhileScanning()
+    {
+        QFETCH(bool, viaCancelButton);
+        if (!inChild())
+            return runInLayout({"f|VELDV400/s/b.qventry|1", "f|VELDV400/t/c.qventry|1"});
+        bool scanning = false;
+        int status = -1;
+        ScanGate::close();
+        {
+            VELD_Installer wizard;
+            wizard.show();
+            QVERIFY(ScanGate::waitUntilHeld());
+            QTimer::singleShot(0, &wizard, [&] {
+                scanning = SizeThread::scansPending();
+                viaCancelButton ? QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton) : void(wizard.close());
+            });
+            status = QApplication::exec();
+        }
+        QVERIFY(status == 0 && scanning && !SizeThread::scansPending() && ScanGate::foldersAfterCancel() == 0);
+    }
+
+    // The folder whose volume stands for a destination's, the folder df is asked about
+    // (below a scratch folder holding "d/e" and the file "f"), and the shortage shown.
+    void rules_data()
+    {
+        QTest::addColumn<QString>("rule");
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        const QString shared = QString::fromUtf8(kSharedParent);
+        const QList<QStringList> rows{
+            {"probeFolderFor", "shared parent's name as a prefix", shared + "d/VELDV400", shared},
+            {"probeFolderFor", "other case", shared.toUpper() + "/VELDV400", shared.toUpper()},
+            {"probeFolderFor", "chosen folder", "/home/u/Mes données/VELDV400_0", "/home/u/Mes données"},
+            {"probeFolderFor", "the root's", "//VELDV400", "/"},
+            {"probeFolderFor", "slash first only", "/VELDV400", "/VELDV400"},
+            {"spaceProbeFolder", "existing", "d/e", "d/e"},
+            {"spaceProbeFolder", "missing chain", "d/x/y/z", "d"},
+            {"spaceProbeFolder", "below a file", "f/x", "f"},
+            {"spaceProbeFolder", "nothing but the root", "/nonexistent-veld/a/b", "/"},
+            {"shortageText", "remainder dropped", "1999", "1.00 KB"},
+            {"shortageText", "10^6", "1000000", "1000.00 KB"},
+            {"shortageText", "above 10^6", "1000001", "1.00 MB"},
+            {"shortageText", "10^9", "1000000000", "1000.00 MB"},
+            {"shortageText", "above 10^9", "1000000001", "1.00 GB"},
+        };
+        for (const QStringList &row : rows)
+            QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
+    }
+
+    void rules()
+    {
+        QFETCH(QString, rule);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QTemporaryDir scratch;
+        QVERIFY(QDir().mkpath(scratch.filePath("d/e")) && makeFile(scratch.filePath("f"), 1));
+        const auto in = [&](const QString &path) { return path.startsWith('/') ? path : scratch.filePath(path); };
+        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German)}) {
+            QLocale::setDefault(locale);
+            QCOMPARE(rule == "probeFolderFor" ? ::probeFolderFor(input)
+                     : rule == "shortageText" ? ::shortageText(input.toLongLong())
+                                              : QString::fromStdString(::spaceProbeFolder(QFile::encodeName(in(input)).toStdString())),
+                     rule == "spaceProbeFolder" ? in(expected) : expected);
+        }
+        QLocale::setDefault(QLocale::c());
+    }
+
+    void chooseNames_data()
+    {
+        QTest::addColumn<QString>("parent");      // below HOME; "/" is the root; "-" cancels the dialog
+        QTest::addColumn<QStringList>("taken");   // names in parent; "file:" makes a file
+        QTest::addColumn<QString>("proposed");    // the destination proposed, below HOME or absolute
+        QTest::newRow("taken by a file") << "Disk" << QStringList{"file:VELDV400"} << "Disk/VELDV400_0";
+        QTest::newRow("blanks, accents and percent signs")
+            << "Mes données/ü 100%1 %2" << QStringList{"VELDV400"} << "Mes données/ü 100%1 %2/VELDV400_0";
+        QTest::newRow("the root") << "/" << QStringList{} << "//VELDV400";
+        QTest::newRow("cancelled") << "-" << QStringList{} << QString::fromUtf8(kDefaultDestination);
+    }
+
+    // Twice: back to the source page and on again drops the choice.
+    void chooseNames()
+    {
+        QFETCH(QString, parent);
+        QFETCH(QStringList, taken);
+        QFETCH(QString, proposed);
+        if (parent == "/" && QFileInfo::exists("/VELDV400"))
+            QSKIP("this machine has a /VELDV400");
+        if (!inChild())
+            return runInLayout(kDestLayout);
+        QTemporaryDir home;
+        qputenv("HOME", QFile::encodeName(home.path()));
+        const QString parentPath = parent.startsWith('/') ? parent : home.filePath(parent);
+        QVERIFY(QDir().mkpath(parentPath));
+        for (const QString &name : taken)
+            QVERIFY(name.startsWith("file:") ? makeFile(parentPath + '/' + name.mid(5), 1) : QDir().mkpath(parentPath + '/' + name));
+        const QString expected = proposed.startsWith('/') ? proposed : home.filePath(proposed);
+        const QString defaultText = QString::fromUtf8(kDefaultDestination);
+        VELD_Installer wizard;
+        goToDestPage(wizard);
+        QWizardPage *page = wizard.currentPage();
+        auto *chooseButton = page->findChild<QPushButton *>();
+        auto *next = qobject_cast<QPushButton *>(wizard.button(QWizard::NextButton));
+        for (int visit = 0; visit < 2; ++visit) {
+            QCOMPARE(page->title() + '|' + chooseButton->text() + '|' + wizard.field("path").toString(),
+                     "Select Database location|Choose...|" + defaultText);
+            QCOMPARE(page->subTitle(), kStoredIn.arg(defaultText));
+            QVERIFY(chooseButton->isVisible() && !chooseButton->isDefault() && next->isEnabled());
+            choose(wizard, parent == "-" ? QString() : parentPath);
+            QCOMPARE(wizard.field("path").toString(), expected);
+            QCOMPARE(page->subTitle(), kStoredIn.arg(expected));
+            QVERIFY(parent == "-" || next->isDefault());
+            QTest::mouseClick(wizard.button(QWizard::BackButton), Qt::LeftButton);
+            QTest::mouseClick(next, Qt::LeftButton);
+            QCOMPARE(wizard.currentId(), int(kPickDestPageId));
+        }
+    }
+
+    void decide_data()
+    {
+        QTest::addColumn<QString>("setup");   // shell commands in the row's namespace; "$1" is the layout
+        QTest::addColumn<qint64>("sourceBytes");
+        QTest::addColumn<QString>("chosen");   // a folder of the layout, or "" for the default destination
+        QTest::addColumn<QString>("expect");   // "move", "copy" or "refuse:" and the amount shown
+        // An 8 MiB disk: df reports 8192 KiB free, which counts as 8,000,000 bytes. A move needs no
+        // room, so it is decided with the source's 1 MiB disk filled up, as the real df shows.
+        const QString other = "mount -t tmpfs -o size=8m tmpfs \"$1/Other Disk é\"";
+        const QString fullSource = "mount -t tmpfs -o size=1m tmpfs \"$1/VELDV400\" && { cat /dev/zero > \"$1/VELDV400/filler\" "
+                                   "2>/dev/null; [ $(df -k --output=avail \"$1/VELDV400\" | tail -n 1) -lt 1024 ]; }";
+        QTest::newRow("other disk, room") << other << qint64(7999999) << "Other Disk é" << "copy";
+        QTest::newRow("other disk, free space equal to the size") << other << qint64(8000000) << "Other Disk é" << "refuse:0.00 KB";
+        QTest::newRow("same disk, full") << fullSource << qint64(5000000000) << "VELDV400" << "move";
+        QTest::newRow("default, measured on the shared parent")
+            << "mount -t tmpfs tmpfs /usr/local && mkdir /usr/local/share && mount -t tmpfs -o size=8m tmpfs /usr/local/share"
+            << qint64(8000000) << "" << "refuse:0.00 KB";
+        QTest::newRow("default, no shared parent, so its nearest ancestor")
+            << "mount -t tmpfs -o size=8m tmpfs /usr/local" << qint64(8000000) << "" << "refuse:0.00 KB";
+    }
+
+    void decide()
+    {
+        QFETCH(QString, setup);
+        QFETCH(qint64, sourceBytes);
+        QFETCH(QString, chosen);
+        QFETCH(QString, expect);
+        if (!inChild()) {
+            return runInLayout(kDestLayout, setup);
+        }
+        QVERIFY(makeFile(layoutFolder() + "/VELDV400/data/a.qventry", sourceBytes));   // sparse
+        VELD_Installer wizard;
+        goToDestPage(wizard);
+        if (!chosen.isEmpty())
+            choose(wizard, layoutFolder() + '/' + chosen);
+        const QString destination = wizard.field("path").toString();
+        QWizardPage *page = wizard.currentPage();
+        sCopyFiles = expect != "move";   // the opposite of what must come out
+        QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+        const bool refused = expect.startsWith("refuse:");
+        QCOMPARE(wizard.currentId(), int(refused ? kPickDestPageId : kConclusionPageId));
+        QCOMPARE(sCopyFiles, expect == "move");
+        QCOMPARE(page->subTitle(), refused ? kNoRoom.arg(expect.mid(7)) : sCopyFiles ? kMoved : kStoredIn.arg(destination));
+    }
+
+    void waitForScan_data()
+    {
+        QTest::addColumn<int>("button");   // what the user clicks while the scan is waited for
+        QTest::newRow("Continue again") << int(QWizard::NextButton);
+        QTest::newRow("Back") << int(QWizard::BackButton);
+        QTest::newRow("Cancel") << int(QWizard::CancelButton);
+    }
+
+    // Continue while the source beside the bundle is still measured (held at the
+    // scan gate), on the same disk as the destination chosen.
+    void waitForScan()
+    {
+        QFETCH(int, button);
+        if (!inChild())
+            return runInLayout(kDestLayout);
+        QTemporaryDir home;
+        qputenv("HOME", QFile::encodeName(home.path()));
+        bool waiting = false;   // the scan still pending at Continue, with the busy cursor, and after the second click
+        int pageAfterWait = -1;
+        ScanGate::close();
+        VELD_Installer wizard;
+        QVERIFY(ScanGate::waitUntilHeld());
+        QTimer::singleShot(0, &wizard, [&] {
+            goToSourcePage(wizard);
+            QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+            choose(wizard, layoutFolder());
+            QTimer::singleShot(0, &wizard, [&] {
+                waiting = SizeThread::scansPending() && QApplication::overrideCursor()->shape() == Qt::BusyCursor;
+                QTest::mouseClick(wizard.button(QWizard::WizardButton(button)), Qt::LeftButton);
+                waiting = waiting && SizeThread::scansPending();
+                ScanGate::release();
+            });
+            QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+            pageAfterWait = wizard.currentId();
+            wizard.close();
+        });
+        QCOMPARE(QApplication::exec(), 0);
+        QVERIFY(waiting && !QApplication::overrideCursor());
+        // A second Continue is ignored, and the move is decided on the finished list (without it the disks would not
+        // compare); Back and Cancel are respected.
+        QCOMPARE(pageAfterWait, button == QWizard::NextButton ? kConclusionPageId : button == QWizard::BackButton ? kSourcePageId : -1);
+        QCOMPARE(wizard.page(kPickDestPageId)->subTitle() == kMoved, button == QWizard::NextButton);
     }
 };
 
