@@ -55,15 +55,12 @@ QByteArray fileBytes(const QString &path);
 QString fileText(const QString &path);
 /** Writes the file whole, making its folders, and sets its mode; false on failure. */
 bool writeFile(const QString &path, const QByteArray &bytes, int mode = 0644);
-bool writeScript(const QString &path, const QByteArray &body);
 /** A sparse file of the given size, with its folders. */
 bool makeFile(const QString &path, qint64 size);
 /** Lines "KIND|PATH|ARGUMENT" below root: f file (size), d folder, l link (target), m chmod (octal), p pipe, s socket. */
 bool buildTree(const QString &root, const QStringList &entries);
 /** "OWNER:GROUP MODE" of path, the mode in octal, or "absent". */
 QString ownership(const QString &path);
-/** A QTemporaryDir template on a memory file system where the machine has one. */
-QString scratchTemplate(const QString &name);
 /** What this process writes to standard error while work runs. */
 QByteArray standardErrorOf(const std::function<void()> &work);
 /** True when text is pattern, where "*" stands for any text. */
@@ -115,18 +112,12 @@ void clickAcceptBox(QWizard &wizard);
 void goToSourcePage(QWizard &wizard);
 
 /**
- * Answers the next folder dialog when it opens: the folder is typed into its
- * name field and confirmed, or the dialog is cancelled for an empty folder.
- * What the dialog showed is kept for the test to check.
+ * Answers the next folder dialog when it opens: the folder is typed into its name
+ * field and confirmed, or the dialog is cancelled for an empty folder. What the
+ * dialog showed goes to folderDialogSeen as "CAPTION|START FOLDER|dirs only?".
  */
-struct DialogAnswer {
-    QString caption;
-    QString startFolder;
-    bool dirsOnly = false;
-    bool answered = false;
-
-    void arm(const QString &folder);
-};
+void answerFolderDialog(const QString &folder);
+extern QString folderDialogSeen;
 
 /** Clicks Continue on the source page once the scans have ended, reaching the destination page. */
 void goToDestPage(QWizard &wizard);
@@ -141,7 +132,7 @@ void choose(QWizard &wizard, const QString &folder);
  * button marked "*").
  */
 void answerMessageBoxes(bool escape);
-QStringList &answeredMessageBoxes();
+extern QStringList answeredMessageBoxes;
 
 /**
  * Holds a scan at a folder until the test lets it go, so that a test meets a

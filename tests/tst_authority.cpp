@@ -196,7 +196,7 @@ private slots:
         QFETCH(QString, made);
         QFETCH(int, status);
         if (launcher.startsWith("exit ")) {
-            QVERIFY(writeScript(m_scratch + "-standin", launcher.toUtf8() + '\n'));
+            QVERIFY(writeFile(m_scratch + "-standin", "#!/bin/sh\n" + launcher.toUtf8() + '\n', 0755));
             launcher = m_scratch + "-standin";
         }
         command.replaceInStrings(QStringLiteral("@"), m_scratch);

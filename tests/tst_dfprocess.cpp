@@ -58,7 +58,7 @@ private slots:
         QFETCH(qint64, mebibytes);
         QTemporaryDir bin;
         // Shell built-ins only: it records its pid and arguments, one a line, in "ran".
-        QVERIFY(body.isEmpty() || writeScript(bin.filePath("df"), "printf '%s\\n' $$ \"$@\" > \"${0%/*}/ran\"\n" + body));
+        QVERIFY(body.isEmpty() || writeFile(bin.filePath("df"), "#!/bin/sh\nprintf '%s\\n' $$ \"$@\" > \"${0%/*}/ran\"\n" + body, 0755));
         const QByteArray path = qgetenv("PATH");
         const auto restore = qScopeGuard([&] { qputenv("PATH", path); });
         qputenv("PATH", QFile::encodeName(bin.path()));

@@ -49,7 +49,7 @@ class tst_Privileges : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_dir;
+    QTemporaryDir m_dir{"/var/tmp/tst_privileges-XXXXXX"};   // outside /tmp, which each row has to itself
 
 private slots:
     void initTestCase()
@@ -57,7 +57,7 @@ private slots:
         if (inChild())
             return;
         // A launcher that ends as a dismissed password dialog does; a group database without the administrators'.
-        QVERIFY(writeScript(m_dir.filePath("dismiss"), "exit 126\n"));
+        QVERIFY(writeFile(m_dir.filePath("dismiss"), "#!/bin/sh\nexit 126\n", 0755));
         QCOMPARE(runProcess({"sh", "-c", "grep -Ev '^(sudo|wheel|admin):' /etc/group >\"$0/group\" && chmod 644 \"$0/group\"",
                              m_dir.path()}).exitCode, 0);
     }
@@ -186,7 +186,8 @@ private slots:
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath(special == "dismissed" ? "dismiss" : "launch"));
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_CASE", folder);
-            QList<Wrap> wraps{asUser(user)};
+            // A /tmp of the row's own, so that the temporary files it finds there are its own.
+            QList<Wrap> wraps{asUser(user), inPrivateMounts("mount -t tmpfs -o mode=1777 tmpfs /tmp")};
             if (special == "readonly")
                 wraps << inPrivateMounts("mount --bind \"$1\" \"$1\" && mount -o remount,bind,ro \"$1\"", {folder});
             else if (special == "nogroup")
@@ -235,7 +236,7 @@ private slots:
             "VELD Installer Install|VELD Installer must be installed by a user who is allowed to administer this computer "
             "(your account does not have this capability).\n\nFor the Name/password prompts that follow, you will need "
             "to supply the name and and password of ANOTHER user with admistrator privileges. ||*Cancel Installation|64x64";
-        QCOMPARE(answeredMessageBoxes(), dialog == "info" ? QStringList{infoBox} : dialog == "refused" ? QStringList{refusedBox}
+        QCOMPARE(answeredMessageBoxes, dialog == "info" ? QStringList{infoBox} : dialog == "refused" ? QStringList{refusedBox}
                                                                                                        : QStringList());
         if (log.isEmpty())
             return;
