@@ -5,19 +5,11 @@
 
 #include <QApplication>
 #include <QCheckBox>
-#include <QDir>
 #include <QFileDialog>
-#include <QFileInfo>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QProcess>
 #include <QPushButton>
-#include <QRegularExpression>
-#include <QStandardPaths>
-#include <QThread>
-#include <QTimer>
 #include <QWizard>
-#include <QtTest>
 
 #include <algorithm>
 #include <chrono>
@@ -26,8 +18,6 @@
 #include <grp.h>
 #include <mutex>
 #include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 ProcessResult runProcess(const QStringList &command, const QProcessEnvironment &env)
 {
@@ -197,7 +187,7 @@ const QString kLogDateStampPattern = QStringLiteral(
 
 QStringList logMessages(const QString &path)
 {
-    static const QRegularExpression prefix("^\\[[^ \\]]* -?\\d+\\]" + kLogDateStampPattern + ": ");
+    static const QRegularExpression prefix("^(\\[[^ \\]]* -?\\d+\\])?" + kLogDateStampPattern + ": ");
     QStringList lines = fileText(path).split(QLatin1Char('\n'));
     if (lines.last().isEmpty())
         lines.removeLast();

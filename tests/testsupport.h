@@ -4,12 +4,13 @@
 // What the tests share: processes and the ways to run them, rows run in a child
 // process, files, /proc, the privileged tests' users, preferences, and the wizard.
 
-#include <QList>
-#include <QProcessEnvironment>
-#include <QStringList>
+#include <QtTest>
 
 #include <functional>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 /** What a finished process left behind; exitCode is -1 when it did not start, crashed or hung. */
 struct ProcessResult {
@@ -44,12 +45,6 @@ struct ChildRow {
 bool inChild();
 /** Runs the current row as row says and fails it unless it passed in the child. */
 void runRowInChild(const ChildRow &row = ChildRow());
-/** In the parent: runs the rest of the row in a child process and returns; in the child: goes on. */
-#define VELD_ROW_IN_CHILD(...)                                                                                     \
-    do {                                                                                                           \
-        if (!inChild())                                                                                            \
-            return runRowInChild(__VA_ARGS__);                                                                     \
-    } while (0)
 
 QByteArray fileBytes(const QString &path);
 QString fileText(const QString &path);
@@ -67,7 +62,7 @@ QByteArray standardErrorOf(const std::function<void()> &work);
 bool matchesGlob(const QString &text, const QString &pattern);
 /** The log's date stamp (asctime_r without its newline), as a regular expression. */
 extern const QString kLogDateStampPattern;
-/** The lines of a log file without their "[banner pid]date: " prefix. */
+/** The lines of a log file without their "[banner pid]date: " or "date: " prefix. */
 QStringList logMessages(const QString &path);
 
 /** Processes other than this one with an argument that contains text. */

@@ -1,11 +1,6 @@
 #include "workers/cdfprocess.h"
 #include "testsupport.h"
 
-#include <QElapsedTimer>
-#include <QtTest>
-
-#include <csignal>
-
 class tst_DfProcess : public QObject
 {
     Q_OBJECT

@@ -11,13 +11,10 @@
 #include <QDirIterator>
 #include <QApplication>
 #include <QProgressBar>
-#include <QtTest>
 
 #include <memory>
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 // The whole installation, end to end: a copy of this program in a bundle
 // beside a real source folder runs the real wizard as an ordinary user, from

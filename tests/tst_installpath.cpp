@@ -2,8 +2,6 @@
 #include "platform/log.h"
 #include "testsupport.h"
 
-#include <QtTest>
-
 class tst_InstallPath : public QObject
 {
     Q_OBJECT

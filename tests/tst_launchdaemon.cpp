@@ -4,10 +4,6 @@
 #include "service/launchdaemon.h"
 #include "testsupport.h"
 
-#include <QtTest>
-
-#include <unistd.h>
-
 class tst_LaunchDaemon : public QObject
 {
     Q_OBJECT

@@ -1,11 +1,7 @@
 #include "platform/log.h"
 #include "testsupport.h"
 
-#include <QRegularExpression>
-#include <QtTest>
-
 #include <pwd.h>
-#include <unistd.h>
 
 namespace {
 

@@ -2,12 +2,6 @@
 #include "platform/prefstore.h"
 #include "testsupport.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QtTest>
-
-#include <unistd.h>
-
 namespace {
 
 const QString kDefaults = QFileInfo(VELD_AUTHHELPER).absolutePath() + "/veld-defaults";

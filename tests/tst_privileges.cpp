@@ -6,11 +6,6 @@
 #include "testsupport.h"
 
 #include <QApplication>
-#include <QRegularExpression>
-#include <QtTest>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 // Each row runs in a child process as an ordinary user, on folders with real
 // owners, groups and modes made here by root, and checks the result code, the

@@ -4,10 +4,6 @@
 #include "platform/sysinfo_os.h"
 #include "testsupport.h"
 
-#include <QRegularExpression>
-#include <QSet>
-#include <QtTest>
-
 namespace {
 
 const char kP7450[] = "Intel(R) Core(TM)2 Duo CPU     P7450  @ 2.13GHz";
@@ -105,34 +101,29 @@ private slots:
 
     void osVersion_data()
     {
-        QTest::addColumn<bool>("hasAppKit");
-        QTest::addColumn<double>("appKit");
-        QTest::addColumn<bool>("answers");   // the process information tells 10.11.6
-        QTest::addColumn<int>("minor");
-        QTest::addColumn<QString>("logLine");
+        // AppKit's version ("-": none), "answers" where the process information tells 10.11.6, the minor version, the log line.
+        QTest::addColumn<QStringList>("row");
         const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
-        QTest::newRow("10.6 bound") << true << 1138.0 << true << 6 << older.arg(QLatin1String("6 or earlier"), "1138.000000");
-        QTest::newRow("10.7 lowest") << true << 1138.5 << true << 7 << older.arg("7", "1138.500000");
-        QTest::newRow("10.8 bound") << true << 1187.0 << true << 8 << older.arg("8", "1187.000000");
-        QTest::newRow("10.9 exactly") << true << 1265.0 << false << 9 << older.arg("9", "1265.000000");
-        QTest::newRow("process info") << true << 1265.2 << true << 11
-                                      << "App is running under 10.11.6 [NSProcessInfo processInfo]";
-        QTest::newRow("no process info") << true << 1404.0 << false << 10
-                                         << "**** WARNING **** OS Version could not be determined";
-        QTest::newRow("no AppKit") << false << 0.0 << false << 10
-                                   << "**** WARNING **** OS Version could not be determined";
+        const QString unknown = QStringLiteral("**** WARNING **** OS Version could not be determined");
+        const QList<QStringList> rows{
+            {"10.6 bound", "1138.0", "answers", "6", older.arg("6 or earlier", "1138.000000")},
+            {"10.7 lowest", "1138.5", "answers", "7", older.arg("7", "1138.500000")},
+            {"10.8 bound", "1187.0", "answers", "8", older.arg("8", "1187.000000")},
+            {"10.9 exactly", "1265.0", "", "9", older.arg("9", "1265.000000")},
+            {"process info", "1265.2", "answers", "11", "App is running under 10.11.6 [NSProcessInfo processInfo]"},
+            {"no process info", "1404.0", "", "10", unknown},
+            {"no AppKit", "-", "", "10", unknown},
+        };
+        for (const QStringList &row : rows)
+            QTest::newRow(qPrintable(row[0])) << QStringList(row.mid(1));
     }
 
     void osVersion()
     {
-        QFETCH(bool, hasAppKit);
-        QFETCH(double, appKit);
-        QFETCH(bool, answers);
-        QFETCH(int, minor);
-        QFETCH(QString, logLine);
-        MacVersionFacts facts{hasAppKit, appKit, answers, answers ? 11 : 0, answers ? 6 : 0};
-        QCOMPARE(macOSMinorVersion(facts), minor);
-        QCOMPARE(logMessages(m_log).value(logMessages(m_log).size() - 1), logLine);
+        QFETCH(QStringList, row);
+        const bool answers = row[1] == "answers";
+        QCOMPARE(macOSMinorVersion({row[0] != "-", row[0].toDouble(), answers, answers ? 11 : 0, answers ? 6 : 0}), row[2].toInt());
+        QCOMPARE(logMessages(m_log).last(), row[3]);
     }
 
     // Each answer against a source that does not go through the support library.

@@ -1,9 +1,6 @@
 #include "platform/users.h"
 #include "testsupport.h"
 
-#include <QRegularExpression>
-#include <QtTest>
-
 #include <pwd.h>
 
 class tst_Users : public QObject

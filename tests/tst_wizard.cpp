@@ -20,7 +20,6 @@
 #include <QPushButton>
 #include <QResource>
 #include <QTextBrowser>
-#include <QtTest>
 
 // The wizard and its pages, driven as a user drives them. The page rows run in a copy of this program
 // in a bundle in a temporary layout folder, in a private mount namespace whose /media is empty: there
@@ -461,9 +460,8 @@ private slots:
         QFETCH(qint64, sourceBytes);
         QFETCH(QString, chosen);
         QFETCH(QString, expect);
-        if (!inChild()) {
+        if (!inChild())
             return runInLayout(kDestLayout, setup);
-        }
         QVERIFY(makeFile(layoutFolder() + "/VELDV400/data/a.qventry", sourceBytes));   // sparse
         VELD_Installer wizard;
         goToDestPage(wizard);
