@@ -127,6 +127,13 @@ bool makeFile(const QString &path, qint64 size)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(size);
 }
 
+QStringList paths(const QList<QFileInfo> &list)
+{
+    QStringList out;
+    std::transform(list.begin(), list.end(), std::back_inserter(out), [](const QFileInfo &info) { return info.filePath(); });
+    return out;
+}
+
 bool buildTree(const QString &root, const QStringList &entries)
 {
     for (const QString &line : entries) {

@@ -32,11 +32,8 @@ Wrap asOrdinaryUser();
 Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs = {});
 QStringList wrapped(QStringList command, const QList<Wrap> &wraps);
 
-/**
- * How the current row runs again in a child process: this test program, or a copy
- * of it at copyTo, started with the row's function and data tag through wraps (the
- * first innermost), with env. The child asserts on its own data.
- */
+// How the current row runs again in a child process: this test program, or a copy of it at copyTo, started with the
+// row's function and data tag through wraps (the first innermost), with env. The child asserts on its own data.
 struct ChildRow {
     QString copyTo = QString();
     QList<Wrap> wraps = {};
@@ -52,6 +49,7 @@ QString fileText(const QString &path);
 bool writeFile(const QString &path, const QByteArray &bytes, int mode = 0644);
 /** A sparse file of the given size, with its folders. */
 bool makeFile(const QString &path, qint64 size);
+QStringList paths(const QList<QFileInfo> &list);
 /** Lines "KIND|PATH|ARGUMENT" below root: f file (size), d folder, l link (target), m chmod (octal), p pipe, s socket. */
 bool buildTree(const QString &root, const QStringList &entries);
 /** "OWNER:GROUP MODE" of path, the mode in octal, or "absent". */
@@ -106,11 +104,8 @@ void clickAcceptBox(QWizard &wizard);
 /** Shows the wizard, accepts the agreement and goes on to the source page. */
 void goToSourcePage(QWizard &wizard);
 
-/**
- * Answers the next folder dialog when it opens: the folder is typed into its name
- * field and confirmed, or the dialog is cancelled for an empty folder. What the
- * dialog showed goes to folderDialogSeen as "CAPTION|START FOLDER|dirs only?".
- */
+// Answers the next folder dialog: types folder into its name field and confirms, or cancels it for an empty folder.
+// What the dialog showed goes to folderDialogSeen as "CAPTION|START FOLDER|dirs only".
 void answerFolderDialog(const QString &folder);
 extern QString folderDialogSeen;
 
@@ -120,21 +115,14 @@ void goToDestPage(QWizard &wizard);
 /** Picks folder with the destination page's "Choose..." button and checks the dialog it opens. */
 void choose(QWizard &wizard, const QString &folder);
 
-/**
- * From now on, answers every message box by clicking its default button (its
- * only button when none is default), or with Escape, and keeps it in
- * answeredMessageBoxes() as "TITLE|TEXT|INFORMATIVE|BUTTONS|ICON" (the default
- * button marked "*").
- */
+// From now on, answers every message box with its default button (else its first) or Escape, and keeps it in
+// answeredMessageBoxes as "TITLE|TEXT|INFORMATIVE|BUTTONS|ICON" (the default button marked "*").
 void answerMessageBoxes(bool escape);
 extern QStringList answeredMessageBoxes;
 
-/**
- * Holds a scan at a folder until the test lets it go, so that a test meets a
- * scan in the state it needs whatever the machine's speed. Once closed, the
- * first scan to reach its second folder (its first one listed) waits there
- * until release(), or until it is cancelled; later scans pass.
- */
+// Holds a scan at a folder until the test lets it go, so that a test meets a scan in the state it needs whatever the
+// machine's speed. Once closed, the first scan to reach its second folder (its first one listed) waits there until
+// release(), or until it is cancelled; later scans pass.
 namespace ScanGate {
 void close();
 /** True once a scan waits at the gate; false after 60 s without one. */
