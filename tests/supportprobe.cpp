@@ -1,6 +1,5 @@
-// Runs calls of the administrator authority named on the command line, in order,
-// and prints each result on a line of its own, so that tests can drive a fresh
-// process as another user, and hold it (with its authority) where they need.
+// Runs calls of the administrator authority named on the command line, in order, and prints each result on a line of
+// its own, so that tests can drive a fresh process as another user, and hold it (with its authority) where they need.
 #include "platform/authority.h"
 #include "platform/log.h"
 

@@ -69,11 +69,6 @@ QStringList wrapped(QStringList command, const QList<Wrap> &wraps)
     return command;
 }
 
-bool inChild()
-{
-    return qEnvironmentVariableIsSet("VELD_TEST_CHILD");
-}
-
 void runRowInChild(const ChildRow &row)
 {
     QString program = QCoreApplication::applicationFilePath();
@@ -105,11 +100,6 @@ QByteArray fileBytes(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QString fileText(const QString &path)
-{
-    return QString::fromUtf8(fileBytes(path));
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes, int mode)
@@ -242,11 +232,6 @@ bool createCountingLauncher(const QString &folder)
 {
     return QFile::setPermissions(folder, QFileDevice::Permissions(0x7755)) && writeFile(folder + "/launches", QByteArray(), 0666)
            && writeFile(folder + "/launch", "#!/bin/sh\necho started >> \"${0%/*}/launches\"\nexec sudo -n \"$@\"\n", 0755);
-}
-
-int launches(const QString &folder)
-{
-    return fileBytes(folder + "/launches").count('\n');
 }
 
 QProcessEnvironment withLauncher(const QString &helper, const QString &launcher, QProcessEnvironment env)

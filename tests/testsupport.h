@@ -9,7 +9,6 @@
 #include <functional>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 /** What a finished process left behind; exitCode is -1 when it did not start, crashed or hung. */
@@ -39,12 +38,12 @@ struct ChildRow {
     QList<Wrap> wraps = {};
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
 };
-bool inChild();
+inline bool inChild() { return qEnvironmentVariableIsSet("VELD_TEST_CHILD"); }
 /** Runs the current row as row says and fails it unless it passed in the child. */
 void runRowInChild(const ChildRow &row = ChildRow());
 
 QByteArray fileBytes(const QString &path);
-QString fileText(const QString &path);
+inline QString fileText(const QString &path) { return QString::fromUtf8(fileBytes(path)); }
 /** Writes the file whole, making its folders, and sets its mode; false on failure. */
 bool writeFile(const QString &path, const QByteArray &bytes, int mode = 0644);
 /** A sparse file of the given size, with its folders. */
@@ -84,11 +83,13 @@ bool privilegedUsersReady();
 
 /** A launcher in folder (opened to the test users) that counts its starts in folder/launches, then runs "sudo -n". */
 bool createCountingLauncher(const QString &folder);
-int launches(const QString &folder);
+inline int launches(const QString &folder) { return fileBytes(folder + "/launches").count('\n'); }
 /** env with VELD_AUTH_HELPER = helper and VELD_AUTH_LAUNCHER = launcher. */
 QProcessEnvironment withLauncher(const QString &helper, const QString &launcher,
                                  QProcessEnvironment env = QProcessEnvironment::systemEnvironment());
 
+// The installer's system-wide preference: its domain and key.
+inline const QString kPrefDomain = QStringLiteral("com.halvorn.QuorvanVELD"), kPrefKey = QStringLiteral("VELDFullDatabasePath");
 /** Preference folders of their own below folder ("home/.config", "etc/xdg"), made here, as an environment. */
 QProcessEnvironment scratchPreferences(const QString &folder);
 /** Writes "[General]" and the raw lines into folder/domain.conf. */

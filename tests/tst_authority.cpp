@@ -5,9 +5,8 @@
 
 #include <grp.h>
 
-// The privileged rows run call sequences of the support probe as the ordinary
-// users of the privileged tests, through the real "sudo -n"; the policy's
-// refusals are rows of the unit table, the helper-level ones of the privileged table.
+// The privileged rows run call sequences of the support probe as the ordinary users of the privileged tests, through
+// the real "sudo -n"; the policy's refusals are rows of the unit table, the helper-level ones of the privileged table.
 
 namespace {
 
@@ -214,38 +213,30 @@ private slots:
                  qPrintable(result.err));
     }
 
-    void helperEndsWithClient_data()
-    {
-        QTest::addColumn<bool>("killed");
-        QTest::newRow("freeAuthority") << false;
-        QTest::newRow("kill -9 of the client") << true;
-    }
-
+    // The helper and its launcher end with the authority: when it is released, and when its client is killed.
     void helperEndsWithClient()
     {
         REQUIRE_PRIVILEGED();
-        QFETCH(bool, killed);
-        QProcess client;
-        client.setProcessEnvironment(withLauncher(kHelper, m_dir.filePath("launch")));
-        const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
-        client.start(command.first(), command.mid(1));
-        const auto waitFor = [&](const char *text) {
-            QByteArray out;
-            while (!out.contains(text) && client.waitForReadyRead(60000))
-                out += client.readAllStandardOutput();
-            return out.contains(text);
-        };
-        QVERIFY(waitFor("waiting"));
-        const QList<pid_t> helpers = processesMentioning(kHelper);
-        QCOMPARE(helpers.size(), 2);   // the launcher and the helper
-        if (killed)
-            ::kill(pid_t(client.processId()), SIGKILL);
-        else
+        for (const bool killed : {false, true}) {
+            QProcess client;
+            client.setProcessEnvironment(withLauncher(kHelper, m_dir.filePath("launch")));
+            const QStringList command = asUser("veldadmin")({kProbe, "auth", "wait", "free", "wait"});
+            client.start(command.first(), command.mid(1));
+            const auto waitFor = [&](const char *text) {
+                QByteArray out;
+                while (!out.contains(text) && client.waitForReadyRead(60000))
+                    out += client.readAllStandardOutput();
+                return out.contains(text);
+            };
+            QVERIFY(waitFor("waiting"));
+            const QList<pid_t> helpers = processesMentioning(kHelper);
+            QCOMPARE(helpers.size(), 2);   // the launcher and the helper
+            killed ? void(::kill(pid_t(client.processId()), SIGKILL)) : void(client.write("\n"));
+            QVERIFY(killed ? client.waitForFinished(60000) : waitFor("free=0 ref=null"));
+            QVERIFY(allGone(helpers));
             client.write("\n");
-        QVERIFY(killed ? client.waitForFinished(60000) : waitFor("free=0 ref=null"));
-        QVERIFY(allGone(helpers));
-        client.write("\n");
-        client.waitForFinished(5000);
+            client.waitForFinished(5000);
+        }
     }
 
     // A process that already runs as root starts the helper itself, without a launcher. This

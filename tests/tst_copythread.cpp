@@ -4,12 +4,7 @@
 
 #include <fcntl.h>
 
-namespace {
-
-const QString kNoFiles = QStringLiteral("The source database data files couldn't be found.");
-const QDateTime kOld = QDateTime::fromSecsSinceEpoch(1000000000);
-
-} // namespace
+static const QDateTime kOld = QDateTime::fromSecsSinceEpoch(1000000000);
 
 class tst_CopyThread : public QObject
 {
@@ -76,7 +71,7 @@ private slots:
         sCopyFiles = !sCopyFiles;   // the choice was taken when the worker was made
         QCOMPARE(worker->getPath(), destination);
         // Received queued, as the page receives them; a worker cancelled before it starts transfers nothing.
-        QStringList events, expected{"result -100 " + kNoFiles};
+        QStringList events, expected{"result -100 The source database data files couldn't be found."};
         connect(worker.get(), &CopyThread::copyResult, worker.get(),
                 [&](int code, const QString &message) { events << QStringLiteral("result %1 %2").arg(code).arg(message); });
         connect(worker.get(), &CopyThread::copiedFile, worker.get(), [&](int n) { events << QStringLiteral("copied %1").arg(n); });
@@ -109,10 +104,9 @@ private slots:
         QCOMPARE(dest.entryList(QDir::Files), arrived);
         for (const QFileInfo &copy : dest.entryInfoList(QDir::Files))   // "-p" keeps the mode and the time; the file is whole
             QVERIFY((copy.permissions() & 0x0fff) == 0x0640 && copy.lastModified() == kOld && copy.size() > 1000);
-        QStringList left;
-        for (const char *name : {"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"})
-            left << (QFileInfo::exists(source + '/' + name) ? name : "");
-        left.removeAll("");
+        QStringList left{"a/x.qventry", "b/c/y.qvindex", "z.qvkentry"};
+        left.erase(std::remove_if(left.begin(), left.end(), [&](const QString &name) { return !QFileInfo::exists(source + '/' + name); }),
+                   left.end());
         QCOMPARE(left, leftAtSource);
     }
 };

@@ -7,26 +7,17 @@ class tst_InstallPath : public QObject
     Q_OBJECT
 
 private slots:
-    void fixedBuffer_data()
-    {
-        const int length = int(GetInstallPath().size());
-        QTest::addColumn<int>("size");
-        QTest::addColumn<int>("expectedLength");   // -1: the buffer is not touched
-        QTest::newRow("zero") << 0 << -1;
-        QTest::newRow("one") << 1 << 0;
-        QTest::newRow("exact fit") << length + 1 << length;
-    }
-
+    // A buffer of 0 bytes is not touched, one of 1 byte holds the terminator alone, an exact fit the whole path.
     void fixedBuffer()
     {
-        QFETCH(int, size);
-        QFETCH(int, expectedLength);
         const QByteArray path = QByteArray::fromStdString(GetInstallPath());
-        QByteArray buffer(4097, 'Z');
-        int length = 12345;
-        GETINSTALLPATH(buffer.data(), size, &length);
-        QCOMPARE(length, qMax(expectedLength, 0));
-        QCOMPARE(buffer.left(qMax(expectedLength + 2, 1)), expectedLength < 0 ? "Z" : path.left(expectedLength) + '\0' + 'Z');
+        for (const int size : {0, 1, int(path.size()) + 1}) {
+            QByteArray buffer(4097, 'Z');
+            int length = 12345;
+            GETINSTALLPATH(buffer.data(), size, &length);
+            QCOMPARE(length, qMax(size - 1, 0));
+            QCOMPARE(buffer.left(size + 1), size ? path.left(size - 1) + '\0' + 'Z' : "Z");
+        }
     }
 
     void bundle_data()
@@ -39,10 +30,9 @@ private slots:
             << "Out.app/Contents/SharedSupport/In.app" << "Out.app/Contents/SharedSupport/Frameworks" << "/opt/a:%1/x";
     }
 
-    // In a copy of this program in a bundle: the bundle, its help folder, and its frameworks added
-    // to the library search path by the first call only; then the loader, which takes the name
-    // with ".so" in any case or without it, and reports each failure on standard error (with the
-    // name asked for) and in the log (with the file tried).
+    // In a copy of this program in a bundle: the bundle, its help folder, and its frameworks added to the library
+    // search path by the first call only; then the loader, which takes the name with ".so" in any case or without it,
+    // and reports each failure on standard error (with the name asked for) and in the log (with the file tried).
     void bundle()
     {
         QFETCH(QString, bundle);

@@ -5,14 +5,7 @@
 namespace {
 
 const QString kDefaults = QFileInfo(VELD_AUTHHELPER).absolutePath() + "/veld-defaults";
-const QString kDomain = QStringLiteral("com.halvorn.QuorvanVELD");
-const QString kKey = QStringLiteral("VELDFullDatabasePath");
-
-// Runs the shell script with "$1" the veld-defaults tool and "$2" folder.
-ProcessResult runDefaultsScript(const QString &script, const QString &folder)
-{
-    return runProcess({"sh", "-c", script, "sh", kDefaults, folder});
-}
+const QString kDomain = kPrefDomain, kKey = kPrefKey;
 
 } // namespace
 
@@ -47,7 +40,7 @@ private slots:
 
     void readers_data()
     {
-        QTest::addColumn<QStringList>("user");     // the lines of the files; none: no file
+        QTest::addColumn<QStringList>("user");     // the lines of the files
         QTest::addColumn<QStringList>("system");
         QTest::addColumn<QByteArray>("local");     // Mac Roman bytes
         QTest::addColumn<QByteArray>("global");
@@ -76,8 +69,8 @@ private slots:
         QFETCH(QByteArray, local);
         QFETCH(QByteArray, global);
         QFETCH(QByteArray, any);
-        write(m_user, user);
-        write(m_system, system);
+        writePreferences(m_user, kDomain, user);
+        writePreferences(m_system, kDomain, system);
         QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
         QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
         QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
@@ -101,13 +94,14 @@ private slots:
     {
         QFETCH(QByteArray, value);
         QFETCH(QString, text);
-        write(m_user, {"Other=kept", "VELDFullDatabasePath=/u"});
-        write(m_system, {"VELDFullDatabasePath=/s"});
+        writePreferences(m_user, kDomain, {"Other=kept", "VELDFullDatabasePath=/u"});
+        writePreferences(m_system, kDomain, {"VELDFullDatabasePath=/s"});
+        const QString file = m_user + '/' + kDomain + ".conf";
         QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
         QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
         QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-        QCOMPARE(QSettings(domainFile(m_user), QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
-        QCOMPARE(ownership(domainFile(m_user)).section(' ', 1), "644");
+        QCOMPARE(QSettings(file, QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
+        QCOMPARE(ownership(file).section(' ', 1), "644");
     }
 
     void refusedWrites()
@@ -190,9 +184,9 @@ private slots:
         QFETCH(QString, message);
         QFETCH(QString, keys);
         const QString file = m_system + "/d.conf";
-        QCOMPARE(runDefaultsScript(R"("$1" write "$2/d" K old)", m_system).exitCode, 0);
+        QCOMPARE(runProcess({kDefaults, "write", m_system + "/d", "K", "old"}).exitCode, 0);
         const QByteArray before = fileBytes(file);
-        const ProcessResult result = runDefaultsScript(script, m_system);
+        const ProcessResult result = runProcess({"sh", "-c", script, "sh", kDefaults, m_system});
         QCOMPARE(result.exitCode, exitCode);
         QVERIFY2(message.isEmpty() ? result.err.isEmpty() : result.err.startsWith(QString(message).replace("$2", m_system)), qPrintable(result.err));
         const QSettings after(file, QSettings::IniFormat);
@@ -217,13 +211,6 @@ private slots:
     }
 
 private:
-    void write(const QString &folder, const QStringList &lines)
-    {
-        if (!lines.isEmpty())
-            writePreferences(folder, kDomain, lines);
-    }
-    QString domainFile(const QString &folder) const { return folder + '/' + kDomain + ".conf"; }
-
     // Fresh for each test; a child row finds its folders through the environment instead.
     std::unique_ptr<QTemporaryDir> m_dir;
     QProcessEnvironment m_env;

@@ -7,15 +7,11 @@
 
 #include <QApplication>
 
-// Each row runs in a child process as an ordinary user, on folders with real
-// owners, groups and modes made here by root, and checks the result code, the
-// folders afterwards, the dialogs shown and the number of password prompts;
-// where a row gives one, the whole log too, and that its failures also went to
-// standard error.
+// Each row runs in a child process as an ordinary user, on folders with real owners, groups and modes made here by
+// root, and checks the result code, the folders afterwards, the dialogs shown and the number of password prompts; where
+// a row gives one, the whole log too, and that its failures also went to standard error.
 
 namespace {
-
-const QString kReason = QStringLiteral("Rights are needed to prepare the database folder.");
 
 // "@" is the row's folder, %A the administrators' group, %G its id, %u the user (and the user's group), %U its id.
 QString expand(QString text, const QString &folder, const QString &user)
@@ -189,7 +185,7 @@ private slots:
         umask(022);
         OpenMacLog(QFile::encodeName(folder + ".log").constData());
         gSystemScope = args.contains("--scope");
-        gPrivilegeReason = args.contains("--noreason") ? QString() : kReason;
+        gPrivilegeReason = args.contains("--noreason") ? QString() : "Rights are needed to prepare the database folder.";
         gAdminGid = getGroupId(adminGroupName());
         answerMessageBoxes(args.contains("--escape"));
         QVERIFY(!args.contains("--authority") || createAuthority(&gMacAuthorizationRef));

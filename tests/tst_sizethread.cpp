@@ -106,12 +106,10 @@ private slots:
         QTest::newRow("application quits during the wait") << "quit" << false << "*" << 0;
     }
 
-    // A scan is held at the gate, among its folders (or has walked all of them),
-    // while something befalls it. Deleting or cancelling it stops the walk there,
-    // and its files never reach the list. A scan whose tree is removed still ends.
-    // The wait keeps the event loop turning (the gate is let go from it) and ends
-    // when the scan has delivered its result or is gone, or at once when the
-    // application quits.
+    // A scan is held at the gate, among its folders (or has walked all of them), while something befalls it. Deleting
+    // or cancelling it stops the walk there, and its files never reach the list. A scan whose tree is removed still
+    // ends. The wait keeps the event loop turning (the gate is let go from it) and ends when the scan has delivered its
+    // result or is gone, or at once when the application quits.
     void interruptedScans()
     {
         QFETCH(QString, action);
@@ -161,8 +159,7 @@ private slots:
         delete scan;
         QVERIFY(!SizeThread::scansPending() && ScanGate::foldersAfterCancel() == 0);
         if (!settled) {
-            // The quit stays in force for every later event loop until the
-            // application's own loop has run once more.
+            // The quit stays in force for every later event loop until the application's own loop has run once more.
             QTimer::singleShot(0, QCoreApplication::instance(), &QCoreApplication::quit);
             QCoreApplication::exec();
         }

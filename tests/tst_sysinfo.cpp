@@ -47,8 +47,9 @@ private slots:
         QCOMPARE(int(kModelRowCount) * 1000 + pairs, 95 * 1000 + 216);   // 95 models, 216 pairs
     }
 
-    // The model's name, the processor summary, the event flags' modifiers, and the
-    // cores and brand read from /proc/cpuinfo.
+    // The model's name, the processor summary, the event flags' modifiers, the cores and brand read from
+    // /proc/cpuinfo, and the minor version of the system from AppKit's version ("-": none), where the process
+    // information does ("answers") or does not tell 10.11.6, with the line it logs.
     void rules_data()
     {
         QTest::addColumn<QString>("rule");
@@ -56,6 +57,8 @@ private slots:
         QTest::addColumn<QString>("expected");
         const QString p7450 = kP7450, p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
         const QString xeon = "Intel(R) Xeon(R) CPU           E5462  @ 2.80GHz";
+        const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
+        const QString unknown = QStringLiteral("**** WARNING **** OS Version could not be determined");
         QString twoSockets;   // 2 packages x 2 cores x 2 threads
         for (int cpu = 0; cpu < 8; ++cpu)
             twoSockets += QStringLiteral("processor\t: %1\nmodel name\t: %2\nphysical id\t: %3\ncore id\t\t: %4\n\n")
@@ -81,6 +84,13 @@ private slots:
             {"cpuinfo", "no trailing blank line", "processor\t: 0\nmodel name\t: X\nphysical id\t: 0\ncore id\t\t: 0", "1|X"},
             {"cpuinfo", "no core ids", "processor\t: 0\nBogoMIPS\t: 50.00\n\nprocessor\t: 1\nBogoMIPS\t: 50.00\n", "0|"},
             {"cpuinfo", "core id without package", "processor\t: 0\ncore id\t\t: 0\n\n", "0|"},
+            {"version", "10.6 bound", "1138.0|answers", "6|" + older.arg("6 or earlier", "1138.000000")},
+            {"version", "10.7 lowest", "1138.5|answers", "7|" + older.arg("7", "1138.500000")},
+            {"version", "10.8 bound", "1187.0|answers", "8|" + older.arg("8", "1187.000000")},
+            {"version", "10.9 exactly", "1265.0|", "9|" + older.arg("9", "1265.000000")},
+            {"version", "process info", "1265.2|answers", "11|App is running under 10.11.6 [NSProcessInfo processInfo]"},
+            {"version", "no process info", "1404.0|", "10|" + unknown},
+            {"version", "no AppKit", "-|", "10|" + unknown},
         };
         for (const QStringList &row : rows)
             QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
@@ -92,38 +102,15 @@ private slots:
         QFETCH(QString, input);
         QFETCH(QString, expected);
         const std::string text = input.toStdString(), first = input.section('|', 0, 0).toStdString();
-        QCOMPARE(rule == "model"     ? QString::fromStdString(get_model_name(first, input.section('|', 1).toStdString()))
+        const bool answers = input.endsWith("|answers");
+        const int minor = rule != "version" ? 0
+            : macOSMinorVersion({first != "-", input.section('|', 0, 0).toDouble(), answers, answers ? 11 : 0, answers ? 6 : 0});
+        QCOMPARE(rule == "version"   ? QString::number(minor) + '|' + logMessages(m_log).last()
+                 : rule == "model"   ? QString::fromStdString(get_model_name(first, input.section('|', 1).toStdString()))
                  : rule == "summary" ? QString::fromStdString(processorSummary(input.toInt()))
                  : rule == "flags"   ? QString::number(int(modifiersFromEventFlags(input.toULong(nullptr, 16))))
                                      : QString::number(cpuInfoCoreCount(text)) + '|' + QString::fromStdString(cpuInfoBrand(text)),
                  expected);
-    }
-
-    void osVersion_data()
-    {
-        // AppKit's version ("-": none), "answers" where the process information tells 10.11.6, the minor version, the log line.
-        QTest::addColumn<QStringList>("row");
-        const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
-        const QString unknown = QStringLiteral("**** WARNING **** OS Version could not be determined");
-        const QList<QStringList> rows{
-            {"10.6 bound", "1138.0", "answers", "6", older.arg("6 or earlier", "1138.000000")},
-            {"10.7 lowest", "1138.5", "answers", "7", older.arg("7", "1138.500000")},
-            {"10.8 bound", "1187.0", "answers", "8", older.arg("8", "1187.000000")},
-            {"10.9 exactly", "1265.0", "", "9", older.arg("9", "1265.000000")},
-            {"process info", "1265.2", "answers", "11", "App is running under 10.11.6 [NSProcessInfo processInfo]"},
-            {"no process info", "1404.0", "", "10", unknown},
-            {"no AppKit", "-", "", "10", unknown},
-        };
-        for (const QStringList &row : rows)
-            QTest::newRow(qPrintable(row[0])) << QStringList(row.mid(1));
-    }
-
-    void osVersion()
-    {
-        QFETCH(QStringList, row);
-        const bool answers = row[1] == "answers";
-        QCOMPARE(macOSMinorVersion({row[0] != "-", row[0].toDouble(), answers, answers ? 11 : 0, answers ? 6 : 0}), row[2].toInt());
-        QCOMPARE(logMessages(m_log).last(), row[3]);
     }
 
     // Each answer against a source that does not go through the support library.

@@ -29,12 +29,9 @@
 namespace {
 
 const QString kWelcome = QStringLiteral("Welcome to the Quorvan Spectra and Properties Database Installer");
-const QString kFixed = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from the "
-                                      "source folders to your hard disk.\n\nThe databases will occupy approximately %1 GB  of "
-                                      "additional disk space.");
 const QString kChosen = QStringLiteral("This Installer will copy or move the Quorvan Spectra and Properties Database from "
-                                       "\"%1\" to your hard disk.\n\nThe databases will occupy approximately %2 GB  of "
-                                       "additional disk space.");
+                                       "%1 to your hard disk.\n\nThe databases will occupy approximately %2 GB  of additional disk space.");
+const QString kFixed = kChosen.arg("the source folders", "%1");
 const QString kFind = QStringLiteral("\nPlease press \"Find data files\" to locate the \"VELDV400\" database source files folder.");
 const QString kStoredIn = QStringLiteral("The database will be stored in\n\n%1\n\nClick \"Continue\" to install here, or "
                                          "\"Choose\" to select another location.");
@@ -47,14 +44,6 @@ const QStringList kDestLayout{"f|VELDV400/data/a.qventry|1000", "d|Other Disk é
 QString layoutFolder()
 {
     return QFileInfo(QString::fromStdString(GetInstallPath()) + "/..").absoluteFilePath();
-}
-
-QStringList besideSource(const QStringList &files)   // "name:size" below VELDV400
-{
-    QStringList entries;
-    for (const QString &file : files)
-        entries << "f|VELDV400/" + file.section(':', 0, 0) + '|' + file.section(':', 1);
-    return entries;
 }
 
 // In the parent: runs the row in a layout holding entries (tree lines) and, in the bundle, the agreement,
@@ -97,6 +86,7 @@ private slots:
         const QProcessEnvironment prefs = scratchPreferences(m_prefs.path());
         for (const char *name : {"XDG_CONFIG_HOME", "XDG_CONFIG_DIRS"})
             qputenv(name, prefs.value(name).toLocal8Bit());
+        qputenv("HOME", QFile::encodeName(m_prefs.filePath("home")));   // a row's own, as each runs in a process of its own
     }
     // No window may outlive the test that made it.
     void cleanup() { QVERIFY(QApplication::topLevelWidgets().isEmpty()); }
@@ -182,35 +172,14 @@ private slots:
         QVERIFY(!installer.waitForFinished(500));
     }
 
-    void sizeFigure_data()
-    {
-        QTest::addColumn<quint64>("bytes");
-        QTest::addColumn<QString>("figure");
-        QTest::newRow("12345678901") << quint64(12345678901) << "12.35";
-        QTest::newRow("999999999 rounds up") << quint64(999999999) << "1.00";
-        QTest::newRow("largest") << quint64(18446744073709551615u) << "18446744073.71";
-    }
-
-    // The same figure whatever the user's locale.
-    void sizeFigure()
-    {
-        QFETCH(quint64, bytes);
-        QFETCH(QString, figure);
-        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
-            QLocale::setDefault(locale);
-            QCOMPARE(::sizeFigure(bytes), figure);
-        }
-        QLocale::setDefault(QLocale::c());
-    }
-
     void fixedSource_data()
     {
-        QTest::addColumn<QStringList>("beside");   // files of VELDV400 beside the bundle, "name:size"
+        QTest::addColumn<QStringList>("beside");   // the layout beside the bundle
         QTest::addColumn<qint64>("removable");     // size of a data file on the removable disk, or -1
         QTest::addColumn<qint64>("shown");         // the total the page shows for the source it finds, or -1
         QTest::newRow("only on the removable disk") << QStringList{} << qint64(2222222222) << qint64(2222222222);
-        QTest::newRow("beside the bundle comes first") << QStringList{"a.qventry:10"} << qint64(2222222222) << qint64(10);
-        QTest::newRow("found but without data files") << QStringList{"c.txt:9"} << qint64(-1) << qint64(0);
+        QTest::newRow("beside the bundle comes first") << QStringList{"f|VELDV400/a.qventry|10"} << qint64(2222222222) << qint64(10);
+        QTest::newRow("found but without data files") << QStringList{"f|VELDV400/c.txt|9"} << qint64(-1) << qint64(0);
         QTest::newRow("neither") << QStringList{} << qint64(-1) << qint64(-1);
     }
 
@@ -220,7 +189,7 @@ private slots:
         QFETCH(qint64, removable);
         QFETCH(qint64, shown);
         if (!inChild())
-            return runInLayout(besideSource(beside));
+            return runInLayout(beside);
         QVERIFY(removable < 0 || makeFile(QString::fromStdString(removableSourceFolder()) + "/sub/r.qvkindex", removable));
         const bool found = shown >= 0;
         VELD_Installer wizard;
@@ -253,11 +222,10 @@ private slots:
         QFETCH(QStringList, choices);
         if (!inChild())
             return runInLayout({});
-        QTemporaryDir home;
+        const QDir home = QDir::home();
         QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
                                         "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
                                         "f|Big/b/z.qventry|1"}));
-        qputenv("HOME", QFile::encodeName(home.path()));
         // "Big" is still measured when the next choice comes; every other choice is measured before the next.
         const bool held = choices.first() == "Big";
         if (held)
@@ -284,44 +252,38 @@ private slots:
         const quint64 total = last.isEmpty() ? 0 : SizeThread::dirSize(home.filePath(last), expected);
         QCOMPARE(paths(sResultList), paths(expected));
         QCOMPARE(page->dbSize, total);
-        QCOMPARE(label->text(), last.isEmpty() ? "Scanning..." : kChosen.arg("MyData", ::sizeFigure(total)));
+        QCOMPARE(label->text(), last.isEmpty() ? "Scanning..." : kChosen.arg("\"MyData\"", ::sizeFigure(total)));
         QCOMPARE(find->isHidden(), total > 0);
         QCOMPARE(next->isEnabled(), total > 0);
         QVERIFY(!find->isDefault() && (!total || next->text() == "Continue"));
     }
 
-    void closeWhileScanning_data()
-    {
-        QTest::addColumn<bool>("viaCancelButton");
-        QTest::newRow("Cancel") << true;
-        QTest::newRow("window closed") << false;
-    }
-
-    // The wizard is left while the scan is held among its folders: the event
-    // loop ends with 0, and the wizard goes away without the walk going further.
+    // The wizard is left with Cancel, then by closing its window, while the scan is held among its folders: the
+    // event loop ends with 0, and the wizard goes away without the walk going further.
     void closeWhileScanning()
     {
-        QFETCH(bool, viaCancelButton);
         if (!inChild())
             return runInLayout({"f|VELDV400/s/b.qventry|1", "f|VELDV400/t/c.qventry|1"});
-        bool scanning = false;
-        int status = -1;
-        ScanGate::close();
-        {
-            VELD_Installer wizard;
-            wizard.show();
-            QVERIFY(ScanGate::waitUntilHeld());
-            QTimer::singleShot(0, &wizard, [&] {
-                scanning = SizeThread::scansPending();
-                viaCancelButton ? QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton) : void(wizard.close());
-            });
-            status = QApplication::exec();
+        for (const bool viaCancelButton : {true, false}) {
+            bool scanning = false;
+            int status = -1;
+            ScanGate::close();
+            {
+                VELD_Installer wizard;
+                wizard.show();
+                QVERIFY(ScanGate::waitUntilHeld());
+                QTimer::singleShot(0, &wizard, [&] {
+                    scanning = SizeThread::scansPending();
+                    viaCancelButton ? QTest::mouseClick(wizard.button(QWizard::CancelButton), Qt::LeftButton) : void(wizard.close());
+                });
+                status = QApplication::exec();
+            }
+            QVERIFY(status == 0 && scanning && !SizeThread::scansPending() && ScanGate::foldersAfterCancel() == 0);
         }
-        QVERIFY(status == 0 && scanning && !SizeThread::scansPending() && ScanGate::foldersAfterCancel() == 0);
     }
 
-    // The folder whose volume stands for a destination's, the folder df is asked about
-    // (below a scratch folder holding "d/e" and the file "f"), and the shortage shown.
+    // The folder whose volume stands for a destination's, the folder df is asked about (below a scratch folder
+    // holding "d/e" and the file "f"), the shortage shown and the source's size in GB, the same in every locale.
     void rules_data()
     {
         QTest::addColumn<QString>("rule");
@@ -343,6 +305,9 @@ private slots:
             {"shortageText", "above 10^6", "1000001", "1.00 MB"},
             {"shortageText", "10^9", "1000000000", "1000.00 MB"},
             {"shortageText", "above 10^9", "1000000001", "1.00 GB"},
+            {"sizeFigure", "12345678901", "12345678901", "12.35"},
+            {"sizeFigure", "999999999 rounds up", "999999999", "1.00"},
+            {"sizeFigure", "largest", "18446744073709551615", "18446744073.71"},
         };
         for (const QStringList &row : rows)
             QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
@@ -356,10 +321,11 @@ private slots:
         QTemporaryDir scratch;
         QVERIFY(QDir().mkpath(scratch.filePath("d/e")) && makeFile(scratch.filePath("f"), 1));
         const auto in = [&](const QString &path) { return path.startsWith('/') ? path : scratch.filePath(path); };
-        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German)}) {
+        for (const QLocale &locale : {QLocale::c(), QLocale(QLocale::German), QLocale(QLocale::Arabic, QLocale::Egypt)}) {
             QLocale::setDefault(locale);
             QCOMPARE(rule == "probeFolderFor" ? ::probeFolderFor(input)
                      : rule == "shortageText" ? ::shortageText(input.toLongLong())
+                     : rule == "sizeFigure"   ? ::sizeFigure(input.toULongLong())
                                               : QString::fromStdString(::spaceProbeFolder(QFile::encodeName(in(input)).toStdString())),
                      rule == "spaceProbeFolder" ? in(expected) : expected);
         }
@@ -388,8 +354,7 @@ private slots:
             QSKIP("this machine has a /VELDV400");
         if (!inChild())
             return runInLayout(kDestLayout);
-        QTemporaryDir home;
-        qputenv("HOME", QFile::encodeName(home.path()));
+        const QDir home = QDir::home();
         const QString parentPath = parent.startsWith('/') ? parent : home.filePath(parent);
         QVERIFY(QDir().mkpath(parentPath));
         for (const QString &name : taken)
@@ -475,8 +440,6 @@ private slots:
         QFETCH(int, button);
         if (!inChild())
             return runInLayout(kDestLayout);
-        QTemporaryDir home;
-        qputenv("HOME", QFile::encodeName(home.path()));
         bool waiting = false;   // the scan still pending at Continue, with the busy cursor, and after the second click
         int pageAfterWait = -1;
         ScanGate::close();
