@@ -193,6 +193,15 @@ QStringList logMessages(const QString &path)
     return lines;
 }
 
+void ruleRows(const QList<QStringList> &rows)
+{
+    QTest::addColumn<QString>("rule");
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<QString>("expected");
+    for (const QStringList &row : rows)
+        QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
+}
+
 QList<pid_t> processesMentioning(const QString &text)
 {
     QList<pid_t> found;

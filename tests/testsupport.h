@@ -62,6 +62,9 @@ extern const QString kLogDateStampPattern;
 /** The lines of a log file without their "[banner pid]date: " or "date: " prefix. */
 QStringList logMessages(const QString &path);
 
+/** Columns rule, input and expected, and a row "RULE: NAME" for each {RULE, NAME, INPUT, EXPECTED}. */
+void ruleRows(const QList<QStringList> &rows);
+
 /** Processes other than this one with an argument that contains text. */
 QList<pid_t> processesMentioning(const QString &text);
 /** Waits up to 30 s for every one of pids to be gone. */

@@ -52,9 +52,6 @@ private slots:
     // information does ("answers") or does not tell 10.11.6, with the line it logs.
     void rules_data()
     {
-        QTest::addColumn<QString>("rule");
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<QString>("expected");
         const QString p7450 = kP7450, p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
         const QString xeon = "Intel(R) Xeon(R) CPU           E5462  @ 2.80GHz";
         const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
@@ -63,7 +60,7 @@ private slots:
         for (int cpu = 0; cpu < 8; ++cpu)
             twoSockets += QStringLiteral("processor\t: %1\nmodel name\t: %2\nphysical id\t: %3\ncore id\t\t: %4\n\n")
                               .arg(cpu).arg(xeon).arg(cpu / 4).arg(cpu % 2);
-        const QList<QStringList> rows{
+        ruleRows({
             {"model", "listed pair", "MacBook5,2|" + p7450, "MacBook (Early 2009)"},
             {"model", "another model's processor", "MacBook5,2|" + p7550, "MacBook5,2"},
             {"model", "one blank fewer", "MacBook5,2|" + QString(p7450).replace("CPU     ", "CPU    "), "MacBook5,2"},
@@ -91,9 +88,7 @@ private slots:
             {"version", "process info", "1265.2|answers", "11|App is running under 10.11.6 [NSProcessInfo processInfo]"},
             {"version", "no process info", "1404.0|", "10|" + unknown},
             {"version", "no AppKit", "-|", "10|" + unknown},
-        };
-        for (const QStringList &row : rows)
-            QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
+        });
     }
 
     void rules()

@@ -286,11 +286,8 @@ private slots:
     // holding "d/e" and the file "f"), the shortage shown and the source's size in GB, the same in every locale.
     void rules_data()
     {
-        QTest::addColumn<QString>("rule");
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<QString>("expected");
         const QString shared = QString::fromUtf8(kSharedParent);
-        const QList<QStringList> rows{
+        ruleRows({
             {"probeFolderFor", "shared parent's name as a prefix", shared + "d/VELDV400", shared},
             {"probeFolderFor", "other case", shared.toUpper() + "/VELDV400", shared.toUpper()},
             {"probeFolderFor", "chosen folder", "/home/u/Mes données/VELDV400_0", "/home/u/Mes données"},
@@ -308,9 +305,7 @@ private slots:
             {"sizeFigure", "12345678901", "12345678901", "12.35"},
             {"sizeFigure", "999999999 rounds up", "999999999", "1.00"},
             {"sizeFigure", "largest", "18446744073709551615", "18446744073.71"},
-        };
-        for (const QStringList &row : rows)
-            QTest::addRow("%s: %s", qPrintable(row[0]), qPrintable(row[1])) << row[0] << row[2] << row[3];
+        });
     }
 
     void rules()
