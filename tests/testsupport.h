@@ -6,6 +6,7 @@
 
 #include <QtTest>
 
+#include <fcntl.h>
 #include <functional>
 #include <signal.h>
 #include <sys/stat.h>

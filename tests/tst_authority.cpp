@@ -10,8 +10,7 @@
 
 namespace {
 
-const QString kHelper = QStringLiteral(VELD_AUTHHELPER);
-const QString kProbe = QStringLiteral(VELD_SUPPORTPROBE);
+const QString kHelper = QStringLiteral(VELD_AUTHHELPER), kProbe = QStringLiteral(VELD_SUPPORTPROBE);
 
 QByteArray frame(char type, const std::string &payload)
 {

@@ -2,8 +2,6 @@
 #include "testsupport.h"
 #include "workers/copythread.h"
 
-#include <fcntl.h>
-
 static const QDateTime kOld = QDateTime::fromSecsSinceEpoch(1000000000);
 
 class tst_CopyThread : public QObject

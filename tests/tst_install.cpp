@@ -14,8 +14,6 @@
 
 #include <memory>
 
-#include <fcntl.h>
-
 // The whole installation, end to end: a copy of this program in a bundle beside a real source folder runs the real
 // wizard as an ordinary user, from the agreement to the outcome, with real files, the real copy programs and rights
 // through the real "sudo -n"; then it examines the disk it saw.

@@ -35,7 +35,7 @@ private slots:
         if (inChild())
             return;
         // A launcher that ends as a dismissed password dialog does; a group database without the administrators'.
-        QVERIFY(writeFile(m_dir.filePath("dismiss"), "#!/bin/sh\nexit 126\n", 0755));
+        QVERIFY(writeFile(m_dir.filePath("dismiss"), "#!/bin/sh\nexit 126\n", 0755) && QDir().mkdir(m_dir.filePath("tmp")));
         QCOMPARE(runProcess({"sh", "-c", "grep -Ev '^(sudo|wheel|admin):' /etc/group >\"$0/group\" && chmod 644 \"$0/group\"",
                              m_dir.path()}).exitCode, 0);
     }
@@ -166,8 +166,11 @@ private slots:
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath(special == "dismissed" ? "dismiss" : "launch"));
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_CASE", folder);
-            // A /tmp of the row's own, so that the temporary files it finds there are its own.
-            QList<Wrap> wraps{asUser(user), inPrivateMounts("mount -t tmpfs -o mode=1777 tmpfs /tmp")};
+            // A /tmp of the row's own, so that the temporary files there are its own; the build folder stays where it was.
+            const QString build = QDir(QCoreApplication::applicationDirPath() + "/..").canonicalPath();
+            QList<Wrap> wraps{asUser(user), inPrivateMounts("mount --bind /tmp \"$1\" && mount -t tmpfs -o mode=1777 tmpfs /tmp && case \"$2\" in "
+                                                            "/tmp/*) mkdir -p \"$2\" && mount --bind \"$1${2#/tmp}\" \"$2\" ;; esac",
+                                                            {m_dir.filePath("tmp"), build})};
             if (special == "readonly")
                 wraps << inPrivateMounts("mount --bind \"$1\" \"$1\" && mount -o remount,bind,ro \"$1\"", {folder});
             else if (special == "nogroup")

@@ -6,8 +6,6 @@
 
 namespace {
 
-const char kP7450[] = "Intel(R) Core(TM)2 Duo CPU     P7450  @ 2.13GHz";
-
 // The machine's memory in kB, from the kernel's own report.
 qint64 memTotal()
 {
@@ -52,7 +50,7 @@ private slots:
     // information does ("answers") or does not tell 10.11.6, with the line it logs.
     void rules_data()
     {
-        const QString p7450 = kP7450, p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
+        const QString p7450 = "Intel(R) Core(TM)2 Duo CPU     P7450  @ 2.13GHz", p7550 = "Intel(R) Core(TM)2 Duo CPU     P7550  @ 2.26GHz";
         const QString xeon = "Intel(R) Xeon(R) CPU           E5462  @ 2.80GHz";
         const QString older = QStringLiteral("App is running under 10.%1 (minor not available)- AppKit %2");
         const QString unknown = QStringLiteral("**** WARNING **** OS Version could not be determined");
