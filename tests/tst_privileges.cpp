@@ -166,11 +166,11 @@ private slots:
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath(special == "dismissed" ? "dismiss" : "launch"));
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_CASE", folder);
-            // A /tmp of the row's own, so that the temporary files there are its own; the build folder stays where it was.
-            const QString build = QDir(QCoreApplication::applicationDirPath() + "/..").canonicalPath();
-            QList<Wrap> wraps{asUser(user), inPrivateMounts("mount --bind /tmp \"$1\" && mount -t tmpfs -o mode=1777 tmpfs /tmp && case \"$2\" in "
-                                                            "/tmp/*) mkdir -p \"$2\" && mount --bind \"$1${2#/tmp}\" \"$2\" ;; esac",
-                                                            {m_dir.filePath("tmp"), build})};
+            // A /tmp of the row's own, so that the temporary files there are its own; the build and source folders stay.
+            QList<Wrap> wraps{asUser(user), inPrivateMounts("s=$1 && mount --bind /tmp \"$s\" && mount -t tmpfs -o mode=1777 tmpfs /tmp && for p in "
+                                                            "\"$2\" \"$3\"; do case $p in /tmp/?*) d=${p#/tmp/} && d=/tmp/${d%%/*} && { [ -d \"$d\" ] "
+                                                            "|| { mkdir \"$d\" && mount --bind \"$s${d#/tmp}\" \"$d\"; }; } ;; esac; done",
+                                                            {m_dir.filePath("tmp"), QCoreApplication::applicationDirPath(), __FILE__})};
             if (special == "readonly")
                 wraps << inPrivateMounts("mount --bind \"$1\" \"$1\" && mount -o remount,bind,ro \"$1\"", {folder});
             else if (special == "nogroup")
