@@ -55,6 +55,8 @@ private slots:
         const QStringList none, fixup{"--scope", "fixup", "@/d"}, through{"--scope", "fixup", "@/x/../d"};
         const QStringList product{"--scope", "product", "@/d"}, resource{"--scope", "resource", "@/p", "n"};
         const QStringList verify{"--scope", "verify", "@/p", "n"}, ld{"ld d root:root 0755"};
+        const QStringList member{"isUserInGroup: getGroupId %A returned %G", "isUserInGroup: mkstemp(/tmp/qv_computecontrol.*) returned *",
+                                 "isUserInGroup: fchown succeeded"};
         const auto row = [](const char *name, const QString &user, const QStringList &fixture, const QStringList &call, int result,
                             const QStringList &after, const QString &prompts = "0", const QStringList &log = QStringList()) {
             QTest::newRow(name) << user << fixture << call << result << after << prompts << log;
@@ -74,7 +76,8 @@ private slots:
         row("fixup, not system-wide: nothing touched or logged", admin, {"d d root:root 0700"}, {"fixup", "@/d"}, 0,
             {"d root:root 700"}, "0", {"-"});
         row("fixup, group and mode by the user", admin, {"d d %u:%u 0750"}, fixup, 0, {"d %u:%A 775"});
-        row("fixup, group with rights", admin, {"d d root:root 0775"}, fixup, 0, {"d root:%A 775"}, "1 info");
+        row("fixup, group with rights", admin, {"d d root:root 0775"}, fixup, 0, {"d root:%A 775"}, "1 info",
+            QStringList{"fixupDirectory: trying to set chown group-admin perms on @/d"} + member + QStringList{succeeded});
         row("fixup, mode with rights", admin, {"d d root:%A 0755"}, fixup, 0, {"d root:%A 775"}, "1 info");
         row("fixup, missing", admin, none, fixup, 1, {"d absent"});
         row("fixup, a file", admin, {"d f %u:%u 0644"}, fixup, 2, {"d %u:%u 644"});
@@ -123,13 +126,11 @@ private slots:
             {"p root:%A 775", "p/n %u:%A 775"});
         row("verify, parent's group and mode reported and fixed with one password", admin, {"p d root:root 0755"}, verify, 0,
             {"p root:%A 775", "p/n %u:%A 775"}, "1 info",
-            {"verifyResourceDirectory: \"@/p\" exists and has owner 0 group 0 and mode 40755",
-             "fixupDirectory: trying to set chown group-admin perms on @/p",
-             "isUserInGroup: getGroupId %A returned %G", "isUserInGroup: mkstemp(/tmp/qv_computecontrol.*) returned *",
-             "isUserInGroup: fchown succeeded",
-             "fixupDirectory: trying to set chmod group-admin perms on @/p", succeeded,
-             "verifyResourceDirectory: fixup of @/p returned 0", "verifyResourceDirectory: @/p/n does not exist, creating",
-             "createProductDirectory: made dir @/p/n w/o needing privs, checking for fixup", succeeded});
+            QStringList{"verifyResourceDirectory: \"@/p\" exists and has owner 0 group 0 and mode 40755",
+                        "fixupDirectory: trying to set chown group-admin perms on @/p"} + member
+                + QStringList{"fixupDirectory: trying to set chmod group-admin perms on @/p", succeeded,
+                              "verifyResourceDirectory: fixup of @/p returned 0", "verifyResourceDirectory: @/p/n does not exist, creating",
+                              "createProductDirectory: made dir @/p/n w/o needing privs, checking for fixup", succeeded});
         row("verify, existing folder fixed up", admin, {"p d root:%A 0775", "p/n d %u:%u 0755"}, verify, 0, {"p/n %u:%A 775"});
         row("verify, not system-wide, folder cannot be examined", admin, {"p d root:root 0700"}, {"verify", "@/p", "n"}, 1,
             {"p root:root 700"});
