@@ -1,5 +1,4 @@
-// Runs calls of the administrator authority named on the command line, in order, and prints each result on a line of
-// its own, so that tests can drive a fresh process as another user, and hold it (with its authority) where they need.
+// Runs the authority's calls named on the command line in order, each result on a line, for tests to drive as another user.
 #include "platform/authority.h"
 #include "platform/log.h"
 

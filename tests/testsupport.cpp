@@ -25,7 +25,7 @@ ProcessResult runProcess(const QStringList &command, const QProcessEnvironment &
     process.setProcessEnvironment(env);
     process.start(command.value(0), command.mid(1));
     ProcessResult result;
-    if (!process.waitForStarted(60000) || !process.waitForFinished(120000)) {
+    if (!process.waitForStarted(60000) || !process.waitForFinished(240000)) {
         process.kill();
         process.waitForFinished(5000);
         return result;
@@ -81,17 +81,12 @@ void runRowInChild(const ChildRow &row)
     const QString tag = QString::fromUtf8(QTest::currentDataTag());
     QProcessEnvironment env = row.env;
     env.insert("VELD_TEST_CHILD", "1");
-    QProcess child;
-    child.setProcessEnvironment(env);
-    child.setProcessChannelMode(QProcess::MergedChannels);
     const QStringList command = wrapped({program, tag.isEmpty() ? function : function + ':' + tag}, row.wraps);
-    child.start(command.first(), command.mid(1));
-    const bool ended = child.waitForFinished(240000);
-    const QString printed = QString::fromLocal8Bit(child.readAll());
+    const ProcessResult child = runProcess(command, env);
     const QString passed = QStringLiteral("PASS   : %1::%2(%3)").arg(QTest::testObject()->metaObject()->className(), function, tag);
-    if (!ended || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0 || !printed.contains(passed)) {
+    if (child.exitCode != 0 || !child.out.contains(passed)) {
         // The test library cuts long messages; the child's whole report (a sanitizer's, say) goes to standard error.
-        fprintf(stderr, "%s\n", printed.toLocal8Bit().constData());
+        fprintf(stderr, "%s%s\n", child.out.toLocal8Bit().constData(), child.err.toLocal8Bit().constData());
         QTest::qFail(qPrintable("the row failed in its child process: " + command.join(' ')), __FILE__, __LINE__);
     }
 }

@@ -1,8 +1,7 @@
 #ifndef VELD_TESTS_TESTSUPPORT_H
 #define VELD_TESTS_TESTSUPPORT_H
 
-// What the tests share: processes and the ways to run them, rows run in a child
-// process, files, /proc, the privileged tests' users, preferences, and the wizard.
+// What the tests share: processes, rows run in a child, files, /proc, the privileged users, preferences, the wizard.
 
 #include <QtTest>
 
@@ -19,7 +18,7 @@ struct ProcessResult {
     QString err;
 };
 
-/** Runs command (the program first) to its end, at most 120 s. */
+/** Runs command (the program first) to its end, at most 240 s. */
 ProcessResult runProcess(const QStringList &command, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 
 /** Turns a command line into one that runs it another way. */
@@ -71,8 +70,7 @@ QList<pid_t> processesMentioning(const QString &text);
 /** Waits up to 30 s for every one of pids to be gone. */
 bool allGone(const QList<pid_t> &pids);
 
-// scripts/privileged-users.sh makes "veldadmin", in the administrators' group, whom
-// sudo lets run the built helper and nothing else, and "veldguest", who is in neither.
+// scripts/privileged-users.sh makes "veldadmin" (an administrator, sudo runs the helper) and "veldguest" (neither).
 uid_t userId(const QString &name);
 bool privilegedUsersReady();
 /** Skips the test unless the privileged users are ready; fails it instead where VELD_REQUIRE_PRIVILEGED is set (CI). */

@@ -5,8 +5,7 @@
 
 #include <grp.h>
 
-// The privileged rows run call sequences of the support probe as the ordinary users of the privileged tests, through
-// the real "sudo -n"; the policy's refusals are rows of the unit table, the helper-level ones of the privileged table.
+// The privileged rows run call sequences of the support probe as the test users, through the real "sudo -n".
 
 namespace {
 

@@ -2,12 +2,7 @@
 #include "platform/prefstore.h"
 #include "testsupport.h"
 
-namespace {
-
-const QString kDefaults = QFileInfo(VELD_AUTHHELPER).absolutePath() + "/veld-defaults";
-const QString kDomain = kPrefDomain, kKey = kPrefKey;
-
-} // namespace
+static const QString kDefaults = QFileInfo(VELD_AUTHHELPER).absolutePath() + "/veld-defaults";
 
 class tst_PrefStore : public QObject
 {
@@ -69,11 +64,11 @@ private slots:
         QFETCH(QByteArray, local);
         QFETCH(QByteArray, global);
         QFETCH(QByteArray, any);
-        writePreferences(m_user, kDomain, user);
-        writePreferences(m_system, kDomain, system);
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), local);
-        QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), global);
-        QCOMPARE(MacReadAnyDefaultSetting(kDomain, kKey), any);
+        writePreferences(m_user, kPrefDomain, user);
+        writePreferences(m_system, kPrefDomain, system);
+        QCOMPARE(MacReadLocalDefaultSetting(kPrefDomain, kPrefKey), local);
+        QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), global);
+        QCOMPARE(MacReadAnyDefaultSetting(kPrefDomain, kPrefKey), any);
         QCOMPARE(MacReadAnyDefaultSettingCharKeys("QuorvanVELD", "VELDFullDatabasePath"), any);
         QCOMPARE(MacReadAnyDefaultSettingCharKeys("Quorvan", "VELDFullDatabasePath"), QByteArray());
     }
@@ -94,32 +89,32 @@ private slots:
     {
         QFETCH(QByteArray, value);
         QFETCH(QString, text);
-        writePreferences(m_user, kDomain, {"Other=kept", "VELDFullDatabasePath=/u"});
-        writePreferences(m_system, kDomain, {"VELDFullDatabasePath=/s"});
-        const QString file = m_user + '/' + kDomain + ".conf";
-        QVERIFY(MacWriteLocalDefaultSetting(kDomain, kKey, value == "-" ? nullptr : value.constData()));
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, kKey), text.isNull() ? QByteArray("/s") : value);
-        QCOMPARE(MacReadLocalDefaultSetting(kDomain, QStringLiteral("Other")), QByteArray("kept"));
-        QCOMPARE(QSettings(file, QSettings::IniFormat).value(kKey), text.isNull() ? QVariant() : QVariant(text));
+        writePreferences(m_user, kPrefDomain, {"Other=kept", "VELDFullDatabasePath=/u"});
+        writePreferences(m_system, kPrefDomain, {"VELDFullDatabasePath=/s"});
+        const QString file = m_user + '/' + kPrefDomain + ".conf";
+        QVERIFY(MacWriteLocalDefaultSetting(kPrefDomain, kPrefKey, value == "-" ? nullptr : value.constData()));
+        QCOMPARE(MacReadLocalDefaultSetting(kPrefDomain, kPrefKey), text.isNull() ? QByteArray("/s") : value);
+        QCOMPARE(MacReadLocalDefaultSetting(kPrefDomain, QStringLiteral("Other")), QByteArray("kept"));
+        QCOMPARE(QSettings(file, QSettings::IniFormat).value(kPrefKey), text.isNull() ? QVariant() : QVariant(text));
         QCOMPARE(ownership(file).section(' ', 1), "644");
     }
 
     void refusedWrites()
     {
         // Without an authority nothing is run or written.
-        QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), "/x", nullptr));
-        QVERIFY(!MacWriteGlobalDefaultSetting(kDomain, kKey.toLatin1().constData(), nullptr, nullptr));
+        QVERIFY(!MacWriteGlobalDefaultSetting(kPrefDomain, kPrefKey.toLatin1().constData(), "/x", nullptr));
+        QVERIFY(!MacWriteGlobalDefaultSetting(kPrefDomain, kPrefKey.toLatin1().constData(), nullptr, nullptr));
         QVERIFY(QDir(m_system).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
         // A per-user folder that is a file cannot be written.
         qputenv("XDG_CONFIG_HOME", VELD_SUPPORTPROBE);
-        QVERIFY(!MacWriteLocalDefaultSetting(kDomain, kKey, "/x"));
+        QVERIFY(!MacWriteLocalDefaultSetting(kPrefDomain, kPrefKey, "/x"));
     }
 
     // As veldadmin through sudo, into root's folder: a value that is not all Mac Roman, then both forms of delete.
     void globalWrite()
     {
         REQUIRE_PRIVILEGED();
-        const QString file = m_system + '/' + kDomain + ".conf";
+        const QString file = m_system + '/' + kPrefDomain + ".conf";
         if (!inChild()) {
             QTemporaryDir dir;
             QVERIFY(createCountingLauncher(dir.path()));
@@ -131,13 +126,13 @@ private slots:
             QCOMPARE(QSettings(file, QSettings::IniFormat).allKeys(), QStringList());
             return;
         }
-        const QByteArray key = kKey.toLatin1();
+        const QByteArray key = kPrefKey.toLatin1();
         QVERIFY(createAuthority(&gMacAuthorizationRef));
-        QVERIFY(MacWriteGlobalDefaultSetting(kDomain, key.constData(), "/Volumes/Caf\xc3\xa9 \xe6\x97\xa5", gMacAuthorizationRef));
-        QCOMPARE(MacReadGlobalDefaultSetting(kDomain, kKey), QByteArray("/Volumes/Caf\x8e ?"));
-        QVERIFY(MacWriteGlobalDefaultSetting(kDomain, key.constData(), nullptr, gMacAuthorizationRef));
-        QVERIFY(MacWriteGlobalDefaultSetting(kDomain, "Other", "kept", gMacAuthorizationRef));
-        QVERIFY(MacWriteGlobalDefaultSetting(kDomain, "Other", "", gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), "/Volumes/Caf\xc3\xa9 \xe6\x97\xa5", gMacAuthorizationRef));
+        QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), QByteArray("/Volumes/Caf\x8e ?"));
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), nullptr, gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, "Other", "kept", gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, "Other", "", gMacAuthorizationRef));
         freeAuthority(&gMacAuthorizationRef);
     }
 

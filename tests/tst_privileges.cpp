@@ -7,9 +7,8 @@
 
 #include <QApplication>
 
-// Each row runs in a child process as an ordinary user, on folders with real owners, groups and modes made here by
-// root, and checks the result code, the folders afterwards, the dialogs shown and the number of password prompts; where
-// a row gives one, the whole log too, and that its failures also went to standard error.
+// Each row runs as an ordinary user on folders made here by root, and checks the result, the folders afterwards, the
+// dialogs and the password prompts; where it gives one, the whole log, its failures also on standard error.
 
 namespace {
 

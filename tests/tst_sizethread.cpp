@@ -4,8 +4,7 @@
 
 namespace {
 
-// The scanner's rule written out with the toolkit's own listing, in the file
-// system's order (QDir::NoSort would sort by name): its results must equal these.
+// The scanner's rule with the toolkit's own listing, in the file system's order (QDir::NoSort would sort by name).
 quint64 referenceDirSize(const QString &path, QList<QFileInfo> &list)
 {
     if (!QFileInfo(path).isDir())

@@ -21,10 +21,8 @@
 #include <QResource>
 #include <QTextBrowser>
 
-// The wizard and its pages, driven as a user drives them. The page rows run in a copy of this program
-// in a bundle in a temporary layout folder, in a private mount namespace whose /media is empty: there
-// layout/VELDV400 is the source beside the bundle, the removable disk is what the row makes it, and
-// small memory file systems stand in for other disks, full ones included.
+// The wizard, driven as a user drives it. Page rows run in a copy of this program in a bundle beside layout/VELDV400,
+// in a private mount namespace with an empty /media, where small memory file systems stand in for other disks.
 
 namespace {
 
@@ -46,8 +44,7 @@ QString layoutFolder()
     return QFileInfo(QString::fromStdString(GetInstallPath()) + "/..").absoluteFilePath();
 }
 
-// In the parent: runs the row in a layout holding entries (tree lines) and, in the bundle, the agreement,
-// after the shell command setup ("$1": the layout) in the row's private mount namespace.
+// Runs the row in a layout of entries (tree lines) and the agreement, after setup ("$1": the layout) in its namespace.
 void runInLayout(const QStringList &entries, const QString &setup = "true", bool agreement = true)
 {
     if (runProcess(wrapped({"true"}, {inPrivateMounts("true")})).exitCode != 0)
