@@ -9,6 +9,7 @@
 #include "workers/copythread.h"
 #include "workers/sizethread.h"
 
+#include <QFileInfo>
 #include <QHBoxLayout>
 #include <QProgressBar>
 #include <QScopeGuard>
@@ -89,11 +90,18 @@ void ConclusionPage::setBackEnabled(bool enabled)
         wizard()->setOption(QWizard::DisabledBackButtonOnLastPage, !enabled);
 }
 
-void ConclusionPage::fail(const char *reason)
+void ConclusionPage::fail(const QString &reason)
 {
-    errMsg = QLatin1String(kProgramName) + QLatin1String(reason);
+    errMsg = QLatin1String(kProgramName) + reason;
     errCode = kFailure;
     handleResult();
+}
+
+bool ConclusionPage::isChangeableByOthers(const QString &folder)
+{
+    struct stat status;
+    return stat(QFile::encodeName(folder).constData(), &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH))
+           && !(status.st_mode & S_ISVTX);
 }
 
 void ConclusionPage::doCopy()
@@ -111,19 +119,33 @@ void ConclusionPage::doCopy()
             needsPermissionFix = true;
             // Always the fixed folder, even when destPath names another one beside it.
             if (verifyResourceDirectory(kMakersFolder, "VELDV400") != 0) {
-                fail(" was not able to access the selected location.");
+                fail(QStringLiteral(" was not able to access the selected location."));
                 return;
             }
         } else if (mkdir(dest.constData(), kFolderMode) != 0) {
+            // Others could put a link in the destination's place while the rights are used on it.
+            const QString parent = QFileInfo(destPath).path();
+            if (isChangeableByOthers(parent)) {
+                fail(QStringLiteral(" will not install into %1, a folder that other users can change. Please select another "
+                                    "location.").arg(parent));
+                return;
+            }
             if (!gMacAuthorizationRef && establishPrivsForSetup() != 0) {
-                fail(" was not able to write the database to the selected location.");
+                fail(QStringLiteral(" was not able to write the database to the selected location."));
                 return;
             }
             char mode[8];
             snprintf(mode, sizeof mode, "%o", unsigned(kFolderMode));
             if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", mode, dest.constData()})) {
                 log_msg("doCopy: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", mode, dest.constData());
-                fail(" was not able to write the database to the selected location.");
+                fail(QStringLiteral(" was not able to write the database to the selected location."));
+                return;
+            }
+            // The mkdir counts as run even when it failed: what is there now must be the folder it made.
+            struct stat made;
+            if (lstat(dest.constData(), &made) != 0 || !S_ISDIR(made.st_mode) || (made.st_uid != 0 && made.st_uid != getuid())) {
+                log_msg("doCopy: %s is not a folder of root's or the user's after the privileged mkdir\n", dest.constData());
+                fail(QStringLiteral(" was not able to write the database to the selected location."));
                 return;
             }
             needsPermissionFix = true;

@@ -41,7 +41,9 @@ public slots:
 
 private:
     void fixupPrivileges();
-    void fail(const char *reason);
+    void fail(const QString &reason);
+    /** Whether other users may rename or replace entries of folder: writable by its group or others, without the sticky bit. */
+    static bool isChangeableByOthers(const QString &folder);
     void setBackEnabled(bool enabled);
 
     QString errMsg;

@@ -16,6 +16,7 @@
 #include <QScopedValueRollback>
 #include <QWizard>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -113,11 +114,12 @@ void PickDestPage::chooseDestination()
         return;
 
     // Always a "/" more, so the root gives "//VELDV400". A name that is taken,
-    // by a folder or anything else, is never proposed.
+    // by a folder or anything else (a symbolic link that leads nowhere too), is never proposed.
     const QString base = answer + QLatin1Char('/');
     const QString name = QString::fromLatin1(kFolderName);
     QString candidate = base + name;
-    for (qint64 n = 0; ::access(candidate.toUtf8().constData(), F_OK) == 0; ++n)
+    struct stat taken;
+    for (qint64 n = 0; ::lstat(candidate.toUtf8().constData(), &taken) == 0; ++n)
         candidate = QStringLiteral("%1%2_%3").arg(base, name, QString::number(n));
 
     pathEdit->setText(candidate);

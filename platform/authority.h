@@ -9,10 +9,11 @@
  * tools run with it. Nothing else in the installer reaches root.
  *
  * macOS: Authorization Services. Linux: one root process, veld-authhelper,
- * started through a launcher (pkexec, or the command named by the environment
- * variable VELD_AUTH_LAUNCHER, such as "sudo -n"; directly when the installer
- * already runs as root), kept for as long as the authority is held, and
- * running only the tools and argument shapes that the installer uses.
+ * started through a launcher (/usr/bin/pkexec, or the command named by the
+ * environment variable VELD_AUTH_LAUNCHER, such as "/usr/bin/sudo -n", when
+ * that program is root's alone; directly when the installer already runs as
+ * root), kept for as long as the authority is held, and carrying out only the
+ * installation's own operations (authpolicy.h).
  *
  * User-interface thread only. A password dialog blocks the calling thread, and
  * so does reading a tool's output.
@@ -40,8 +41,11 @@ enum : OSStatus {
 
 #include <string>
 
-/** The folder of the helper that createAuthority starts; the helper runs the veld-defaults found there. */
+/** The folder of the helper that createAuthority starts, which names the preference writer veld-defaults. */
 std::string authorityHelperFolder();
+
+/** How long createAuthority waits for the helper's first answer (the password dialog's time); tests shorten it. */
+void setHelperStartLimit(int milliseconds);
 #endif
 
 /** The installer's one authority; null until createAuthority has been called on it. */

@@ -1,11 +1,13 @@
 #include "authority_os.h"
 
+#include "authpolicy.h"
 #include "authprotocol.h"
 #include "spawn.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,6 +17,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/syscall.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,11 +35,13 @@ struct VeldAuthority {
 namespace {
 
 const char kHelperName[] = "veld-authhelper";
-const char kDefaultLauncher[] = "pkexec";
+const char kDefaultLauncher[] = "/usr/bin/pkexec";
 // pkexec's exits for a dismissed dialog and for a refusal.
 const int kLauncherDismissed = 126;
 const int kLauncherNotAuthorized = 127;
 const int kReleaseWaitMs = 10000;
+// How long a password dialog may stay unanswered.
+int sReadyLimitMs = 10 * 60 * 1000;
 
 // Every authority ever made. Released ones stay, marked, so that a stale
 // reference is recognised and refused instead of being followed.
@@ -51,10 +57,23 @@ bool isKnown(AuthorizationRef ref)
     return std::any_of(all.begin(), all.end(), [ref](const auto &each) { return each.get() == ref; });
 }
 
+// A test variable's value, or null: it is honoured only when the program it names is root's alone, so
+// that an ordinary user's environment cannot choose what runs as root.
+const char *trustedChoice(const char *variable, const std::string &program)
+{
+    const char *chosen = getenv(variable);
+    if (!chosen || !*chosen)
+        return nullptr;
+    if (isRootsAlonePath(program))
+        return chosen;
+    fprintf(stderr, "%s: %s ignored: %s is not owned by root alone\n", kHelperName, variable, program.c_str());
+    return nullptr;
+}
+
 std::string helperPath()
 {
     const char *chosen = getenv("VELD_AUTH_HELPER");
-    if (chosen && *chosen)
+    if (chosen && trustedChoice("VELD_AUTH_HELPER", chosen))
         return chosen;
     char self[PATH_MAX];
     const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
@@ -82,9 +101,11 @@ std::vector<std::string> launcherWords()
     if (::geteuid() == 0)
         return words;
     const char *chosen = getenv("VELD_AUTH_LAUNCHER");
-    std::istringstream line(chosen && *chosen ? chosen : kDefaultLauncher);
+    std::istringstream line(chosen ? chosen : "");
     for (std::string word; line >> word;)
         words.push_back(word);
+    if (words.empty() || !trustedChoice("VELD_AUTH_LAUNCHER", words.front()))
+        words.assign(1, kDefaultLauncher);
     return words;
 }
 
@@ -131,6 +152,46 @@ int reap(VeldAuthority *authority, int timeoutMs)
     }
 }
 
+// A descriptor above the standard three, which an installer started with them closed would otherwise hand out.
+int aboveStandard(int fd)
+{
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
+enum class Start { Ready, Failed, TimedOut };
+
+// Waits for the helper's first frame, watching the launcher: a launcher that
+// ends without it, or a dialog left unanswered past the limit, ends the wait.
+Start waitForHelper(int channel, pid_t launcher)
+{
+    const int watch = int(::syscall(SYS_pidfd_open, launcher, 0));
+    struct pollfd fds[2] = {{channel, POLLIN, 0}, {watch, POLLIN, 0}};
+    int ready;
+    while ((ready = ::poll(fds, watch >= 0 ? 2 : 1, sReadyLimitMs)) < 0 && errno == EINTR) {
+    }
+    if (watch >= 0)
+        ::close(watch);
+    if (ready == 0) {
+        fprintf(stderr, "%s: no answer from the launcher in time\n", kHelperName);
+        ::kill(launcher, SIGTERM);
+        return Start::TimedOut;
+    }
+    if (ready > 0 && !fds[0].revents) {
+        // The launcher has ended; whatever it left behind has had its chance to speak.
+        struct pollfd last = {channel, POLLIN, 0};
+        ready = ::poll(&last, 1, 0);
+    }
+    char type = 0;
+    std::string payload;
+    return ready > 0 && authproto::readFrame(channel, &type, &payload) == authproto::Read::Frame && type == authproto::kReady
+               ? Start::Ready
+               : Start::Failed;
+}
+
 OSStatus startHelper(VeldAuthority *authority)
 {
     const std::string helper = helperPath();
@@ -144,6 +205,10 @@ OSStatus startHelper(VeldAuthority *authority)
     int channel[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
         return errAuthorizationInternal;
+    channel[0] = aboveStandard(channel[0]);
+    channel[1] = aboveStandard(channel[1]);
+    // No other process of the user may take the channel to a root process (ptrace, pidfd_getfd).
+    ::prctl(PR_SET_DUMPABLE, 0);
     int error = 0;
     const pid_t pid = spawnProgram(argv.data(), nullptr, [&] {
         // A session of its own: no terminal, so a launcher never puts a
@@ -161,18 +226,22 @@ OSStatus startHelper(VeldAuthority *authority)
     authority->process = pid;
 
     // The password dialog, if any, is shown now; the helper speaks once it runs as root.
-    char type = 0;
-    std::string payload;
-    if (authproto::readFrame(channel[0], &type, &payload) == authproto::Read::Frame && type == authproto::kReady) {
+    const Start start = waitForHelper(channel[0], pid);
+    if (start == Start::Ready) {
         authority->channel = channel[0];
         return errAuthorizationSuccess;
     }
     ::close(channel[0]);
-    const int status = reap(authority, -1);
-    return launcherStatus(words.front(), status);
+    const int status = reap(authority, kReleaseWaitMs);
+    return start == Start::TimedOut || status < 0 ? errAuthorizationInternal : launcherStatus(words.front(), status);
 }
 
 } // namespace
+
+void setHelperStartLimit(int milliseconds)
+{
+    sReadyLimitMs = milliseconds;
+}
 
 OSStatus osCreateAuthority(AuthorizationRef *ref)
 {

@@ -22,4 +22,8 @@ inline constexpr char kMakersFolder[] = "/usr/local/share/Halvornworks";
 inline constexpr char kFallbackDestination[] = "/usr/local/share/Halvornworks/VELDV400";
 #endif
 
+/** Where the compute service's launch definition goes: for the whole system, and for every user's session. */
+inline constexpr char kLaunchDaemonDefinition[] = "/Library/LaunchDaemons/com.halvorn.qv_computeservice.plist";
+inline constexpr char kLaunchAgentDefinition[] = "/Library/LaunchAgents/com.halvorn.qv_computeservice.plist";
+
 #endif

@@ -74,7 +74,7 @@ void OpenMacLogWithBanner(const char *path, const char *banner)
     if (!path || !*path || !banner || !*banner || logfp)
         return;
     setBanner(banner);
-    logfp = fopen(path, "a+");
+    logfp = fopen(path, "a+e");   // "e": no child (cp, mv, df, the helper) inherits the log
     sPID = static_cast<int>(getpid());
     if (!logfp)
         return;
@@ -92,7 +92,7 @@ void OpenMacLogWithBanner(const char *path, const char *banner)
 
 FILE *OpenMacLog(const char *path)
 {
-    logfp = fopen(path, "a+");
+    logfp = fopen(path, "a+e");
     return logfp;
 }
 

@@ -97,9 +97,13 @@ std::string changeNewFile(const std::string &path, const std::string &temp, cons
     settings.sync();
     if (settings.status() != QSettings::NoError || !readsBackAs(temp, settings))
         return "cannot write the new " + path + " beside it (is the disk full?)";
-    if (chmod(temp.c_str(), 0644) != 0 || !syncPath(temp, O_RDONLY))
-        return failure("cannot write the new " + path + " beside it", errno);
-    return std::string();
+    // The toolkit wrote the new file under temp's name; from here on it is held by its descriptor.
+    const int fd = open(temp.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    const bool ready = fd >= 0 && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    const int error = errno;
+    if (fd >= 0)
+        close(fd);
+    return ready ? std::string() : failure("cannot write the new " + path + " beside it", error);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "launchdaemon.h"
 
 #include "platform/authority.h"
+#include "platform/locations.h"
 #include "platform/log.h"
 #include "platform/privileges.h"
 #include "platform/users.h"
@@ -14,9 +15,6 @@
 #include <unistd.h>
 
 namespace {
-
-const char kDaemonPath[] = "/Library/LaunchDaemons/com.halvorn.qv_computeservice.plist";
-const char kAgentPath[] = "/Library/LaunchAgents/com.halvorn.qv_computeservice.plist";
 
 std::string sPidLockPath;
 
@@ -110,11 +108,11 @@ int rewriteLaunchDaemonAgentFile(const char *path, bool systemWide, bool run)
 std::string getServerPlistLocation()
 {
     if (gSystemScope)
-        return kDaemonPath;
+        return kLaunchDaemonDefinition;
     const char *home = getenv("HOME");
     if (!home)
         return std::string();
-    return std::string(home) + kAgentPath;
+    return std::string(home) + kLaunchAgentDefinition;
 }
 
 int verifyServerPlist()

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 int main(int argc, char **argv)
 {
     AuthorizationRef released = nullptr;
@@ -33,6 +35,12 @@ int main(int argc, char **argv)
             released = gMacAuthorizationRef;
             const int status = freeAuthority(&gMacAuthorizationRef);
             printf("free=%d ref=%s\n", status, gMacAuthorizationRef ? "set" : "null");
+        } else if (command == "limit" && i + 1 < argc) {
+            setHelperStartLimit(atoi(argv[++i]));
+        } else if (command == "closed") {
+            // As when started with its standard input and output closed.
+            close(STDIN_FILENO);
+            close(STDOUT_FILENO);
         } else if (command == "wait") {
             // Holds the process, and its authority, until a line arrives on standard input.
             printf("waiting\n");

@@ -1,5 +1,7 @@
 #include "testsupport.h"
 
+#include "platform/locations.h"
+
 #include "pages/pageids.h"
 #include "workers/sizethread.h"
 
@@ -60,6 +62,11 @@ Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs)
         return line + QStringList{"sh", "-c", setup + QStringLiteral(" && shift %1 && exec \"$@\"").arg(setupArgs.size()), "sh"}
                + setupArgs + command;
     };
+}
+
+Wrap atMakersFolder(const QString &folder)
+{
+    return inPrivateMounts("mount -t tmpfs tmpfs \"${2%/*}\" && mkdir \"$2\" && mount --bind \"$1\" \"$2\"", {folder, kMakersFolder});
 }
 
 QStringList wrapped(QStringList command, const QList<Wrap> &wraps)

@@ -29,6 +29,8 @@ Wrap asUser(const QString &user);
 Wrap asOrdinaryUser();
 /** In a private mount namespace (mapped to root when not root), after the shell command setup with "$1"... = setupArgs. */
 Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs = {});
+/** In a private mount namespace where folder stands at the maker's folder, the only place the helper prepares. */
+Wrap atMakersFolder(const QString &folder);
 QStringList wrapped(QStringList command, const QList<Wrap> &wraps);
 
 // How the current row runs again in a child process: this test program, or a copy of it at copyTo, started with the

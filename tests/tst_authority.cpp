@@ -1,9 +1,11 @@
 #include "platform/authority.h"
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
+#include "platform/locations.h"
+#include "platform/users.h"
 #include "testsupport.h"
 
-#include <grp.h>
+
 
 // The privileged rows run call sequences of the support probe as the test users, through the real "sudo -n".
 
@@ -25,8 +27,6 @@ class tst_Authority : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(writeFile(m_file, QByteArray("line relayed through the helper\n").repeated(10), 0444)); }
-
     // A scratch folder of root's, readable by everyone and writable by no one else.
     void init()
     {
@@ -42,37 +42,85 @@ private slots:
     {
         QTest::addColumn<QString>("tool");
         QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QString>("refusal");   // the start of the reason, or "" when allowed
+        QTest::addColumn<QString>("destination");   // before the request, and after it when admitted
+        QTest::addColumn<QString>("refusal");       // the start of the reason, or "" when admitted
 
-        const QString shape = QStringLiteral("not a form");
-        QTest::newRow("mkdir, four digits") << "/bin/mkdir" << QStringList{"-m", "0755", "/a b/é;$(x)`y`\nz"} << "";
-        QTest::newRow("chmod, three digits") << "/bin/chmod" << QStringList{"775", "/a"} << "";
-        QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/a", "k"} << "not a tool";
-        QTest::newRow("another program of /bin") << "/bin/sh" << QStringList{"-c", "/a"} << "not a tool";
-        QTest::newRow("relative tool") << "bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path is not absolute";
-        QTest::newRow("tool through ..") << "/usr/../bin/mkdir" << QStringList{"-m", "775", "/a"} << "the tool's path contains";
-        QTest::newRow("mkdir, two paths") << "/bin/mkdir" << QStringList{"-m", "775", "/a", "/b"} << shape;
-        QTest::newRow("mkdir, symbolic mode") << "/bin/mkdir" << QStringList{"-m", "u+s", "/a"} << shape;
-        QTest::newRow("chmod, five digits") << "/bin/chmod" << QStringList{"04777", "/a"} << shape;
-        QTest::newRow("chgrp by name") << "/usr/bin/chgrp" << QStringList{"sudo", "/a"} << shape;
-        QTest::newRow("chown without group") << "/bin/chown" << QStringList{"0", "/a"} << shape;
-        QTest::newRow("relative path") << "/bin/chmod" << QStringList{"0775", "a/b"} << shape;
-        QTest::newRow("path ending in ..") << "/bin/cp" << QStringList{"/a", "/b/.."} << shape;
-        QTest::newRow("cp with an option") << "/bin/cp" << QStringList{"-r", "/a", "/b"} << shape;
-        QTest::newRow("defaults read") << "/h/veld-defaults" << QStringList{"read", "/etc/xdg/d", "k"} << shape;
-        QTest::newRow("defaults, empty key") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/d", ""} << shape;
+        const QString m = kMakersFolder, d = "/srv/db/VELDV400", temp = "/tmp/qv_computecontrol.Ab12Z9", shape = "not a form";
+        const QString place = "not a place", def = kLaunchDaemonDefinition;
+        QTest::newRow("mkdir in the maker's folder") << "/bin/mkdir" << QStringList{"-m", "0775", m + "/VELDV400"} << "" << "";
+        QTest::newRow("the first mkdir elsewhere names the destination") << "/bin/mkdir" << QStringList{"-m", "775", d} << d << "";
+        QTest::newRow("a second destination") << "/bin/mkdir" << QStringList{"-m", "775", "/etc/x"} << d << place;
+        QTest::newRow("chmod of the destination") << "/bin/chmod" << QStringList{"0775", d} << d << "";
+        QTest::newRow("chmod of a root file") << "/bin/chmod" << QStringList{"0644", "/etc/shadow"} << d << place;
+        QTest::newRow("chmod set-uid") << "/bin/chmod" << QStringList{"4755", d} << d << shape;
+        QTest::newRow("mkdir sticky") << "/bin/mkdir" << QStringList{"-m", "1775", m + "/x"} << "" << shape;
+        QTest::newRow("chmod private") << "/bin/chmod" << QStringList{"0700", m} << "" << shape;
+        QTest::newRow("a name that only starts as the maker's") << "/bin/chmod" << QStringList{"775", m + "X"} << "" << place;
+        QTest::newRow("out of the maker's folder through ..") << "/bin/chmod" << QStringList{"775", m + "/../../../../etc"} << "" << shape;
+        QTest::newRow("relative") << "/bin/chmod" << QStringList{"775", "etc"} << "" << shape;
+        QTest::newRow("chgrp to root's group") << "/usr/bin/chgrp" << QStringList{"0", m} << "" << "not the administrators'";
+        QTest::newRow("chgrp to the administrators") << "/usr/bin/chgrp" << QStringList{"27", m} << "" << "";
+        QTest::newRow("chown to root") << "/bin/chown" << QStringList{"0:27", m} << "" << "not the calling user";
+        QTest::newRow("chown to the caller") << "/bin/chown" << QStringList{"1001:27", m + "/VELDV400"} << "" << "";
+        QTest::newRow("chown of the destination") << "/bin/chown" << QStringList{"1001:27", d} << d << place;
+        QTest::newRow("cp of a shell") << "/bin/cp" << QStringList{"/bin/bash", def} << "" << "not the installer's temporary";
+        QTest::newRow("cp to standard output") << "/bin/cp" << QStringList{temp, "/dev/stdout"} << "" << place;
+        QTest::newRow("cp of the definition") << "/bin/cp" << QStringList{temp, def} << "" << "";
+        QTest::newRow("chmod of the definition") << "/bin/chmod" << QStringList{"644", def} << "" << "";
+        QTest::newRow("defaults of the product") << "/h/veld-defaults" << QStringList{"write", "/etc/xdg/com.halvorn.QuorvanVELD", "k", "v"}
+                                                 << "" << "";
+        QTest::newRow("defaults of another file") << "/h/veld-defaults" << QStringList{"delete", "/etc/sudoers", "k"} << "" << place;
+        QTest::newRow("defaults, empty key") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/com.halvorn.Q", ""} << "" << shape;
+        QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/etc/xdg/com.halvorn.Q", "k"} << ""
+                                                 << "not a tool";
+        QTest::newRow("another program") << "/bin/sh" << QStringList{"-c", "id"} << "" << "not a tool";
     }
 
     void policy()
     {
         QFETCH(QString, tool);
         QFETCH(QStringList, args);
+        QFETCH(QString, destination);
         QFETCH(QString, refusal);
         std::vector<std::string> list;
         for (const QString &arg : args)
             list.push_back(arg.toStdString());
-        const QString reason = QString::fromStdString(refusalReason(tool.toStdString(), list, "/h"));
+        HelperRun run;
+        run.caller = 1001;
+        run.adminGroup = 27;
+        run.helperFolder = "/h";
+        run.destination = tool == "/bin/mkdir" && refusal.isEmpty() ? "" : destination.toStdString();
+        Operation op;
+        const QString reason = QString::fromStdString(admit(tool.toStdString(), list, run, &op));
         QVERIFY2(refusal.isEmpty() ? reason.isEmpty() : reason.startsWith(refusal), qPrintable(reason));
+        QCOMPARE(QString::fromStdString(run.destination), destination);
+    }
+
+    // Who may choose the helper and the launcher through the environment: only root.
+    void rootsAlone_data()
+    {
+        QTest::addColumn<QString>("path");   // "@" stands for a scratch folder of root's
+        QTest::addColumn<QString>("owner");
+        QTest::addColumn<int>("folderMode");
+        QTest::addColumn<bool>("trusted");
+        QTest::newRow("root's, below /tmp") << "@/f" << "root" << 0755 << true;
+        QTest::newRow("a user's") << "@/f" << "veldguest" << 0755 << false;
+        QTest::newRow("root's, in a folder others can change") << "@/f" << "root" << 0777 << false;
+        QTest::newRow("root's, in a sticky folder as /tmp") << "@/f" << "root" << 01777 << true;
+        QTest::newRow("through a link to a user's") << "@/link" << "veldguest" << 0755 << false;
+        QTest::newRow("relative") << "f" << "root" << 0755 << false;
+    }
+
+    void rootsAlone()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, owner);
+        QFETCH(int, folderMode);
+        QFETCH(bool, trusted);
+        QVERIFY(writeFile(m_scratch + "/f", "#!/bin/sh\n", 0755) && QFile::link(m_scratch + "/f", m_scratch + "/link"));
+        QCOMPARE(runProcess({"chown", owner, m_scratch + "/f"}).exitCode, 0);
+        QVERIFY(QFile::setPermissions(m_scratch, QFileDevice::Permissions(0x7555)) && ::chmod(qPrintable(m_scratch), mode_t(folderMode)) == 0);
+        QCOMPARE(isRootsAlonePath(path.replace('@', m_scratch).toStdString()), trusted);
     }
 
     void helperFrames_data()
@@ -83,7 +131,7 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("complaint");   // on its standard error
 
-        const QByteArray good = frame(kRun, encodeRun("/bin/chmod", {"0755", "/nonexistent-veld"}));
+        const QByteArray good = frame(kRun, encodeRun("/bin/chmod", {"0755", std::string(kMakersFolder) + "/nonexistent"}));
         const QByteArray ready = frame(kReady, ""), ran = frame(kDone, encodeStatus(0));
         const QByteArray refused = frame(kDone, encodeStatus(-60005));
         const QString malformed = QStringLiteral("refused: malformed request");
@@ -97,7 +145,7 @@ private slots:
         QTest::newRow("cut short") << good.left(9) << ready << 1 << "request stream is broken";
     }
 
-    // The helper itself, fed frames as they may arrive; it never needs root for this.
+    // The helper itself, fed frames as they may arrive, keeping none of the descriptors it was given beyond the three.
     void helperFrames()
     {
         QFETCH(QByteArray, input);
@@ -105,10 +153,13 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QString, complaint);
         QProcess helper;
-        helper.start(kHelper, QStringList());
-        helper.write(input);
-        // Input that ends while a tool runs means the installer is gone: wait for the answers first.
+        helper.start("sh", {"-c", "exec 7</dev/null; exec \"$0\"", kHelper});
         QByteArray answers;
+        while (answers.isEmpty() && helper.waitForReadyRead(60000))
+            answers += helper.readAllStandardOutput();
+        QCOMPARE(QDir(QStringLiteral("/proc/%1/fd").arg(helper.processId())).entryList(QDir::NoDotAndDotDot | QDir::System),
+                 QStringList({"0", "1", "2"}));
+        helper.write(input);
         while (answers.size() < output.size() && helper.waitForReadyRead(60000))
             answers += helper.readAllStandardOutput();
         helper.closeWriteChannel();
@@ -118,37 +169,100 @@ private slots:
         QVERIFY2(complaint.isEmpty() ? !err.contains("refused") : err.contains(complaint), qPrintable(err));
     }
 
-    // One authority, every tool, one start of the launcher: their output relayed to standard error,
-    // or to the log, where a silent tool fails; then a request with the released reference is refused.
-    // Releasing a null reference, or logging before the log is open, is refused too.
+    // One authority, every tool on the maker's folder, one start of the launcher; a silent tool fails in the log;
+    // then a request with the released reference is refused. Releasing a null reference, or logging before the
+    // log is open, is refused too.
     void severalCommands()
     {
         REQUIRE_PRIVILEGED();
-        const QString a = m_scratch + "/a", copy = m_scratch + "/copy", log = m_dir.filePath("tools.log");
+        const QString a = QString(kMakersFolder) + "/a", log = m_dir.filePath("tools.log");
         QVERIFY(writeFile(log, QByteArray(), 0666));
-        const QString uid = QString::number(userId("veldadmin"));
-        const QString gid = QString::number(getgrnam("veldguest")->gr_gid);   // another group, given with rights
+        const QString gid = QString::number(getGroupId(adminGroupName()));
         const ProcessResult result = probeAs(
             "veldadmin", {"free", "runlog", "/bin/chmod", "2", "0755", a, "macopen", log, "auth",
-                          "run", "/bin/mkdir", "3", "-m", "0750", a, "run", "/bin/chmod", "2", "0705", a,
-                          "run", "/usr/bin/chgrp", "2", gid, a, "run", "/bin/chown", "2", uid + ":" + gid, a,
-                          "run", "/bin/cp", "2", m_file, copy, "run", "/bin/cp", "2", m_file, "/dev/stdout",
-                          "runlog", "/bin/chmod", "2", "0705", a, "runlog", "/bin/cp", "2", m_file, "/dev/stdout",
-                          "run", "/bin/mkdir", "0", "free", "runreleased", "/bin/mkdir", "3", "-m", "0755", m_scratch + "/late"});
+                          "run", "/bin/mkdir", "3", "-m", "0755", a, "run", "/usr/bin/chgrp", "2", gid, a,
+                          "run", "/bin/chown", "2", QString::number(userId("veldadmin")) + ":" + gid, a,
+                          "runlog", "/bin/chmod", "2", "0775", a, "run", "/bin/mkdir", "0", "free",
+                          "runreleased", "/bin/mkdir", "3", "-m", "0755", a + "/late"});
         QCOMPARE(result.out, QStringLiteral("free=-60002 ref=null\nrunlog=0\nmacopen=1\n\nauth=1 ref=set\nrun=1\nrun=1\nrun=1\n"
-                                            "run=1\nrun=1\nrun=1\nrunlog=0\nrunlog=1\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
+                                            "runlog=0\nrun=0\nfree=0 ref=null\nrunreleased=0\n"));
         QCOMPARE(launches(m_dir.path()), 1);
-        QCOMPARE(ownership(a), "veldadmin:veldguest 705");
-        QCOMPARE(ownership(copy).section(' ', 0, 0), "root:root");
-        QVERIFY(!QFileInfo::exists(m_scratch + "/late"));
+        QCOMPARE(ownership(m_scratch + "/a") + QDir(m_scratch + "/a").entryList(QDir::NoDotAndDotDot).join(','),
+                 "veldadmin:" + QString::fromLatin1(adminGroupName()) + " 775");
         QVERIFY(result.err.startsWith("Requested runCommandWithAuthorityWithLog, but log is not open\n"));
-        QCOMPARE(result.err.count(fileText(m_file)), 1);
         QVERIFY(result.err.contains("AuthorizationExecuteWithPrivileges failed: /bin/mkdir\n status=-60005\n"));
         QVERIFY(result.err.contains("refused: the authority was released: /bin/mkdir"));
-        QCOMPARE(logMessages(log), QStringList({"Executing AuthorizationExecuteWithPrivileges: /bin/chmod \"0705\" \"" + a + '"',
-                                                "No STDOUT output returned from command- handling as error",
-                                                "Executing AuthorizationExecuteWithPrivileges: /bin/cp \"" + m_file + "\" \"/dev/stdout\"",
-                                                "STDOUT command output:"}) + fileText(m_file).split('\n').mid(0, 10));
+        QCOMPARE(logMessages(log), QStringList({"Executing AuthorizationExecuteWithPrivileges: /bin/chmod \"0775\" \"" + a + '"',
+                                                "No STDOUT output returned from command- handling as error"}));
+    }
+
+    void attacks_data()
+    {
+        QTest::addColumn<QString>("user");
+        QTest::addColumn<QString>("setup");       // a shell command run as root first; "@" stands for the scratch folder,
+                                                  // whose "g" is a folder of veldguest's
+        QTest::addColumn<QStringList>("env");     // NAME=VALUE for the probe; VELD_AUTH_LAUNCHER is the counting one unless set
+        QTest::addColumn<QStringList>("probe");   // the probe's commands
+        QTest::addColumn<QString>("out");         // its report (a glob)
+        QTest::addColumn<QString>("err");         // on its standard error (a glob)
+        QTest::addColumn<QString>("check");       // a shell command run as root afterwards, and its output after "=>"
+
+        const QString admin = "veldadmin", guest = "veldguest", ran = "ls @/g=>launcher\n";
+        const QString defaults = QFileInfo(kHelper).absolutePath() + "/veld-defaults";
+        const QString standin = "printf '#!/bin/sh\\ntouch \"${0%%/*}/ran\"\\nexec /usr/bin/sudo -n \"$@\"\\n' >@/g/launcher && chmod 755 @/g/launcher";
+        QTest::newRow("a link in the destination's place, then its mode")
+            << admin << "install -m 600 /dev/null @/secret && ln -s @/secret @/dest" << QStringList()
+            << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "775", "@/dest", "run", "/bin/chmod", "2", "0775", "@/dest"}
+            << "\nauth=1 ref=set\nrun=1\nrun=0\n" << "mkdir: cannot create directory '@/dest': File exists\n*refused: a destination*"
+            << "stat -c %a @/secret=>600\n";
+        QTest::newRow("a set-uid copy of a shell, or a root file printed")
+            << admin << "true" << QStringList()
+            << QStringList{"auth", "run", "/bin/cp", "2", "/bin/bash", "@/sh", "run", "/bin/chmod", "2", "4755", "@/sh",
+                           "run", "/bin/cp", "2", "/etc/shadow", "/dev/stdout"}
+            << "\nauth=1 ref=set\nrun=0\nrun=0\nrun=0\n" << "*refused: not the installer's temporary file*" << "ls @=>g\n";
+        QTest::newRow("root's preference in a user's folder")
+            << admin << "true" << QStringList{"XDG_CONFIG_DIRS=@/g"}
+            << QStringList{"auth", "run", defaults, "4", "write", "@/g/com.halvorn.QuorvanVELD", "k", "v"}
+            << "\nauth=1 ref=set\nrun=0\n" << "*refused: the preference folder is not root's alone*" << "ls @/g=>";
+        QTest::newRow("a launcher of the user's") << guest << standin << QStringList{"VELD_AUTH_LAUNCHER=@/g/launcher"} << QStringList{"auth"}
+                                                  << "\nauth=0 ref=set\n" << "*VELD_AUTH_LAUNCHER ignored: @/g/launcher is not owned by root*" << ran;
+        QTest::newRow("a pkexec of the user's first on PATH")
+            << guest << standin + " && mv @/g/launcher @/g/pkexec" << QStringList{"VELD_AUTH_LAUNCHER=", "PATH=@/g:/usr/bin:/bin"}
+            << QStringList{"auth"} << "\nauth=0 ref=set\n" << "*" << "ls @/g=>pkexec\n";
+        QTest::newRow("a launcher that leaves a child holding the channel")
+            << admin << "printf '#!/bin/sh\\nexec 3<&0\\ncat <&3 >/dev/null &\\n' >@/quits && chmod 755 @/quits" << QStringList{"VELD_AUTH_LAUNCHER=@/quits"}
+            << QStringList{"auth"} << "\nauth=0 ref=set\n" << "AuthorizationCopyRights failed: status=-60008" << "true=>";
+        QTest::newRow("a password dialog left unanswered")
+            << admin << "printf '#!/bin/sh\\nexec cat >/dev/null\\n' >@/waits && chmod 755 @/waits" << QStringList{"VELD_AUTH_LAUNCHER=@/waits"}
+            << QStringList{"limit", "50", "auth"} << "\nauth=0 ref=set\n" << "*no answer from the launcher in time*status=-60008" << "true=>";
+        QTest::newRow("standard input and output closed")
+            << admin << "true" << QStringList() << QStringList{"closed", "auth", "run", "/bin/mkdir", "3", "-m", "755", "@/made"} << ""
+            << "*" << "stat -c %U @/made=>root\n";
+    }
+
+    // Each of these got root to do more than the installation before: now each is refused, or ends cleanly.
+    void attacks()
+    {
+        REQUIRE_PRIVILEGED();
+        QFETCH(QString, user);
+        QFETCH(QString, setup);
+        QFETCH(QStringList, env);
+        QFETCH(QStringList, probe);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        QFETCH(QString, check);
+        const QString at = m_dir.filePath(QString(QTest::currentDataTag()).replace(QRegularExpression("\\W"), "_"));   // not the maker's
+        QVERIFY(QDir().mkpath(at + "/g") && QFile::setPermissions(at, QFileDevice::Permissions(0x7755)));
+        QCOMPARE(runProcess({"chown", "veldguest:veldguest", at + "/g"}).exitCode, 0);
+        QCOMPARE(runProcess({"sh", "-c", QString(setup).replace('@', at)}).exitCode, 0);
+        QProcessEnvironment environment = withLauncher(kHelper, m_dir.filePath("launch"));
+        for (const QString &pair : env)
+            environment.insert(pair.section('=', 0, 0), pair.section('=', 1).replace('@', at));
+        const ProcessResult result = runProcess(wrapped(QStringList{kProbe} + probe.replaceInStrings("@", at),
+                                                        {asUser(user), atMakersFolder(m_scratch)}), environment);
+        QVERIFY2(matchesGlob(result.out, out.replace('@', at)) && matchesGlob(result.err, err.replace('@', at)),
+                 qPrintable(result.out + result.err));
+        QCOMPARE(runProcess({"sh", "-c", check.section("=>", 0, 0).replace('@', at)}).out, check.section("=>", 1).replace('@', at));
     }
 
     void refusals_data()
@@ -169,7 +283,7 @@ private slots:
         QTest::newRow("oversized") << admin << "" << QStringList{"/bin/mkdir", "-m", "0755", "@/" + QString(70000, 'x')} << ""
                                    << 0;
         QTest::newRow("sudo refuses a user without the rule") << "veldguest" << "sudo -n" << mkdir << "" << -60005;
-        QTest::newRow("no such launcher") << admin << "/nonexistent/launcher" << mkdir << "" << -60031;
+        QTest::newRow("a launcher that cannot be started") << admin << "/" << mkdir << "" << -60031;
         QTest::newRow("dialog dismissed") << admin << "exit 126" << mkdir << "" << -60006;
         QTest::newRow("not authorized") << admin << "exit 127" << mkdir << "" << -60005;
     }
@@ -188,11 +302,11 @@ private slots:
             QVERIFY(writeFile(m_scratch + "-standin", "#!/bin/sh\n" + launcher.toUtf8() + '\n', 0755));
             launcher = m_scratch + "-standin";
         }
-        command.replaceInStrings(QStringLiteral("@"), m_scratch);
-        const QString after = m_scratch + "/after";
+        const QString makers = kMakersFolder, after = makers + "/after";
+        command.replaceInStrings(QStringLiteral("@"), makers);
         const ProcessResult result =
             probeAs(user, QStringList{"auth", "run", command.first(), QString::number(command.size() - 1)} + command.mid(1)
-                              + QStringList{"run", "/bin/mkdir", "3", "-m", "0700", after, "free"}, launcher);
+                              + QStringList{"run", "/bin/mkdir", "3", "-m", "0755", after, "free"}, launcher);
         QCOMPARE(result.out, QStringLiteral("\nauth=%1 ref=set\nrun=%2\nrun=%1\nfree=0 ref=null\n")
                                  .arg(status ? 0 : 1).arg(made.isEmpty() ? 0 : 1));
         QCOMPARE(QDir(m_scratch).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name),
@@ -207,7 +321,7 @@ private slots:
         const QString refused = QStringLiteral("AuthorizationCopyRights failed: status=%1").arg(status);
         QVERIFY2(result.err.contains(refused) && !result.err.contains(refused + '\n')
                      && matchesGlob(result.err, QStringLiteral("*failed: /bin/mkdir\n -m\n 0755\n %2/g\n status=%1\n*failed: "
-                                                               "/bin/mkdir\n -m\n 0700\n %3\n status=%1\n").arg(status).arg(m_scratch, after)),
+                                                               "/bin/mkdir\n -m\n 0755\n %3\n status=%1\n").arg(status).arg(makers, after)),
                  qPrintable(result.err));
     }
 
@@ -229,6 +343,9 @@ private slots:
             QVERIFY(waitFor("waiting"));
             const QList<pid_t> helpers = processesMentioning(kHelper);
             QCOMPARE(helpers.size(), 2);   // the launcher and the helper
+            // Another process of the user cannot reach into the installer for its channel.
+            const QStringList peek = asUser("veldadmin")({"ls", QStringLiteral("/proc/%1/fd").arg(client.processId())});
+            QVERIFY(runProcess(peek).err.contains("Permission denied"));
             killed ? void(::kill(pid_t(client.processId()), SIGKILL)) : void(client.write("\n"));
             QVERIFY(killed ? client.waitForFinished(60000) : waitFor("free=0 ref=null"));
             QVERIFY(allGone(helpers));
@@ -237,29 +354,29 @@ private slots:
         }
     }
 
-    // A process that already runs as root starts the helper itself, without a launcher. This
-    // helper's folder has no veld-defaults, so that tool cannot be started.
+    // A process that already runs as root starts the helper itself, without a launcher. The helper writes the
+    // preference itself: the veld-defaults in its folder, which a user might have swapped, is never run.
     void directAsRoot()
     {
-        const QString helper = m_scratch + "/bin/veld-authhelper", made = m_scratch + "/r", defaults = m_scratch + "/bin/veld-defaults";
-        QVERIFY(geteuid() == 0 && writeFile(helper, fileBytes(kHelper), 0500));
-        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0700", made, "run", defaults, "3",
-                                                 "delete", "/nonexistent/d", "k", "free"}, withLauncher(helper, m_dir.filePath("launch")));
-        QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=0\nfree=0 ref=null\n"));
-        QVERIFY2(matchesGlob(result.err, "*veld-authhelper: cannot start " + defaults + ": * status=-60031\n"), qPrintable(result.err));
-        QCOMPARE(ownership(made) + QString::number(launches(m_dir.path())), "root:root 7000");
+        const QString bin = m_scratch + "/bin", made = m_scratch + "/r", target = m_scratch + "/com.halvorn.QuorvanVELD";
+        QVERIFY(QDir().mkpath(bin) && writeFile(bin + "/veld-authhelper", fileBytes(kHelper), 0500));
+        QVERIFY(writeFile(bin + "/veld-defaults", "#!/bin/sh\ntouch " + bin.toUtf8() + "/swapped\n", 0755));
+        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0755", made, "run", bin + "/veld-defaults",
+                                                 "4", "write", target, "k", "v", "free"}, withLauncher(bin + "/veld-authhelper", m_dir.filePath("launch")));
+        QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=1\nfree=0 ref=null\n"));
+        QCOMPARE(ownership(made) + ownership(target + ".conf") + QString::number(launches(m_dir.path())), "root:root 755root:root 6440");
+        QVERIFY(fileText(target + ".conf").contains("k=v") && !QFileInfo::exists(bin + "/swapped"));
     }
 
 private:
     ProcessResult probeAs(const QString &user, const QStringList &args, const QString &launcherCommand = QString())
     {
-        return runProcess(asUser(user)(QStringList{kProbe} + args),
+        return runProcess(wrapped(QStringList{kProbe} + args, {asUser(user), atMakersFolder(m_scratch)}),
                           withLauncher(kHelper, launcherCommand.isEmpty() ? m_dir.filePath("launch") : launcherCommand));
     }
 
     QTemporaryDir m_dir;
     QString m_scratch;
-    const QString m_file = m_dir.filePath("printed.txt");   // what a tool prints: more than one piece of output
 };
 
 QTEST_GUILESS_MAIN(tst_Authority)

@@ -1,4 +1,5 @@
 #include "platform/authority.h"
+#include "platform/locations.h"
 #include "platform/log.h"
 #include "platform/privileges.h"
 #include "platform/users.h"
@@ -135,8 +136,9 @@ private slots:
             {"p root:root 700"});
 
         // The service's launch definition, written through a temporary file.
-        row("launchd, system-wide in root's folder: copied into place with rights", admin, ld, {"launchd", "@/ld/x.plist", "1"},
-            0, {"ld/x.plist root:root 644"}, "1 info");
+        // Rights cover the launch definition locations only: here the copy is refused, and the temporary file stays.
+        row("launchd, system-wide in another folder of root's: refused with rights", admin, ld, {"launchd", "@/ld/x.plist", "1"},
+            3, {"ld/x.plist absent"}, "1 info");
         row("launchd, system-wide, rights refused", guest, ld, {"launchd", "@/ld/x.plist", "1"}, 2, {"ld/x.plist absent"},
             "0 refused");
         row("launchd, per user in root's folder", admin, ld, {"launchd", "@/ld/x.plist", "0"}, 6, {"ld/x.plist absent"});
@@ -167,7 +169,7 @@ private slots:
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_CASE", folder);
             // A /tmp of the row's own, so that the temporary files there are its own; the build and source folders stay.
-            QList<Wrap> wraps{asUser(user), inPrivateMounts("s=$1 && mount --bind /tmp \"$s\" && mount -t tmpfs -o mode=1777 tmpfs /tmp && for p in "
+            QList<Wrap> wraps{asUser(user), atMakersFolder(folder), inPrivateMounts("s=$1 && mount --bind /tmp \"$s\" && mount -t tmpfs -o mode=1777 tmpfs /tmp && for p in "
                                                             "\"$2\" \"$3\"; do case $p in /tmp/?*) d=${p#/tmp/} && d=/tmp/${d%%/*} && { [ -d \"$d\" ] "
                                                             "|| { mkdir \"$d\" && mount --bind \"$s${d#/tmp}\" \"$d\"; }; } ;; esac; done",
                                                             {m_dir.filePath("tmp"), QCoreApplication::applicationDirPath(), __FILE__})};
@@ -180,13 +182,13 @@ private slots:
             return;
         }
 
-        // The call, as the user.
-        const QString folder = qEnvironmentVariable("VELD_CASE");
+        // The call, as the user, on the row's folder standing at the maker's folder.
+        const QString folder = kMakersFolder;
         QStringList args;
         for (const QString &word : call)
             args << expand(word, folder, user);
         umask(022);
-        OpenMacLog(QFile::encodeName(folder + ".log").constData());
+        OpenMacLog(QFile::encodeName(qEnvironmentVariable("VELD_CASE") + ".log").constData());
         gSystemScope = args.contains("--scope");
         gPrivilegeReason = args.contains("--noreason") ? QString() : "Rights are needed to prepare the database folder.";
         gAdminGid = getGroupId(adminGroupName());
@@ -224,7 +226,7 @@ private slots:
             return;
         QStringList expected = log;
         expected.removeAll("-");
-        const QStringList written = logMessages(folder + ".log");
+        const QStringList written = logMessages(qEnvironmentVariable("VELD_CASE") + ".log");
         QVERIFY2(written.size() == expected.size(), qPrintable(written.join('\n')));
         for (int i = 0; i < written.size(); ++i) {
             const QString line = expand(expected[i], folder, user);

@@ -1,0 +1,23 @@
+#ifndef VELD_PLATFORM_PRIVOPS_H
+#define VELD_PLATFORM_PRIVOPS_H
+
+#include "authpolicy.h"
+
+/*
+ * The privileged helper's operations, carried out by the helper itself on
+ * descriptors: every part of a path is opened without following symbolic
+ * links, so no operation ever follows a link it did not create. Failures are
+ * told on standard error in the words of the tool the request names.
+ */
+
+enum class Outcome { Done, Failed, Refused };
+
+/**
+ * Carries out an admitted operation. Refused, with *why, when what the file
+ * system shows puts it outside the installation: a temporary file that is not
+ * the calling user's own, a preference folder that someone other than root
+ * can change, a destination folder that this helper did not make.
+ */
+Outcome perform(const Operation &op, HelperRun &run, std::string *why);
+
+#endif
