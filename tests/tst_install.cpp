@@ -47,7 +47,7 @@ private slots:
         QTest::addColumn<QString>("user");
         QTest::addColumn<QString>("setup");       // shell commands preparing the wizard's mount namespace ("$1": the layout)
         QTest::addColumn<QString>("place");       // the parent: the user's on "tmp" (the source's disk) or "shm", root's on
-                                                  // shm ("root"), or "" (the default destination)
+                                                  // shm ("root"; "shared": writable by veldguest's group), or "" (the default destination)
         QTest::addColumn<int>("files");           // data files of 1000 bytes each
         QTest::addColumn<int>("cancelAfter");     // click Cancel once that many are transferred, or 0
         QTest::addColumn<QString>("outcome");     // the last page's title and text ("*" stands for any text); "": cancelled
@@ -65,6 +65,10 @@ private slots:
             << "Database was not installed|Error message is:\n/bin/cp: cannot create regular file '@/VELDV400/d*.qventry': "
                "Permission denied\n"
             << 1 << QStringList{"root:root 755", "root:root 755"};
+        QTest::newRow("a parent that other users can change: refused before rights are asked")
+            << "veldadmin" << "" << "shared" << 4 << 0
+            << "Database was not installed|VELD Installer will not install into @, a folder that other users can change. Please "
+               "select another location." << 0 << QStringList{"root:veldguest 775", "absent"};
         QTest::newRow("rights refused after the transfer: installed, no preference")
             << "veldguest" << "" << "shm" << 4 << 0 << installed << 0
             << QStringList{"veldguest:veldguest 755", "veldguest:veldguest 755"};
@@ -101,7 +105,9 @@ private slots:
                 QVERIFY(writeFile(source + QStringLiteral("/sub%1/d%2.qventry").arg(i % 2).arg(i), QByteArray(1000, 'x')));
             QVERIFY(writeFile(source + "/readme.txt", "not data") && createCountingLauncher(m_dir.path()));
             QCOMPARE(runProcess({"chown", "-R", user + ':' + user, source, layout.filePath("home")}).exitCode, 0);
-            QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : user + ':' + user, parent}).exitCode, 0);
+            QCOMPARE(runProcess({"chown", place == "root" ? "root:root" : place == "shared" ? "root:veldguest" : user + ':' + user, parent})
+                         .exitCode, 0);
+            QVERIFY(place != "shared" || ::chmod(QFile::encodeName(parent).constData(), 0775) == 0);
             QCOMPARE(runProcess({"chmod", "755", layout.path(), destDisk.path()}).exitCode, 0);
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
             env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder

@@ -77,6 +77,8 @@ private slots:
         QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(started("B", {"one: 100%", "  two", "three", "x{8191}\\[B \\1\\]" + kLogDateStampPattern + ": "})))
                      .match(fileText(m_dir.filePath("first.log"))).hasMatch(), qPrintable(fileText(m_dir.filePath("first.log"))));
         QCOMPARE(fileText(m_dir.filePath("second.log")), QString());
+        // No child (the copy program, df, the helper) inherits the open log.
+        QVERIFY(!runProcess({"sh", "-c", "ls -l /proc/$$/fd"}).out.contains(m_dir.filePath("first.log")));
     }
 };
 

@@ -327,9 +327,10 @@ private slots:
     void chooseNames_data()
     {
         QTest::addColumn<QString>("parent");      // below HOME; "/" is the root; "-" cancels the dialog
-        QTest::addColumn<QStringList>("taken");   // names in parent; "file:" makes a file
+        QTest::addColumn<QStringList>("taken");   // names in parent; "file:" makes a file, "link:" a link that leads nowhere
         QTest::addColumn<QString>("proposed");    // the destination proposed, below HOME or absolute
-        QTest::newRow("taken by a file") << "Disk" << QStringList{"file:VELDV400"} << "Disk/VELDV400_0";
+        QTest::newRow("taken by a file, then a link that leads nowhere")
+            << "Disk" << QStringList{"file:VELDV400", "link:VELDV400_0"} << "Disk/VELDV400_1";
         QTest::newRow("blanks, accents and percent signs")
             << "Mes données/ü 100%1 %2" << QStringList{"VELDV400"} << "Mes données/ü 100%1 %2/VELDV400_0";
         QTest::newRow("the root") << "/" << QStringList{} << "//VELDV400";
@@ -350,7 +351,9 @@ private slots:
         const QString parentPath = parent.startsWith('/') ? parent : home.filePath(parent);
         QVERIFY(QDir().mkpath(parentPath));
         for (const QString &name : taken)
-            QVERIFY(name.startsWith("file:") ? makeFile(parentPath + '/' + name.mid(5), 1) : QDir().mkpath(parentPath + '/' + name));
+            QVERIFY(name.startsWith("file:")   ? makeFile(parentPath + '/' + name.mid(5), 1)
+                    : name.startsWith("link:") ? QFile::link("/nonexistent", parentPath + '/' + name.mid(5))
+                                               : QDir().mkpath(parentPath + '/' + name));
         const QString expected = proposed.startsWith('/') ? proposed : home.filePath(proposed);
         const QString defaultText = QString::fromUtf8(kDefaultDestination);
         VELD_Installer wizard;
