@@ -1,6 +1,8 @@
-// veld-defaults: writes and deletes system-wide preferences on Linux, run as
-// root through the installer's privileged helper. It takes the words of the
-// macOS "defaults" tool for the two forms the installer uses:
+// veld-defaults: writes and deletes system-wide preferences on Linux, for an
+// administrator by hand. The installer's requests name it, and its privileged
+// helper carries them out with the same code itself, so that nothing in the
+// bundle's folder runs as root. It takes the words of the macOS "defaults"
+// tool for the two forms the installer uses:
 //   veld-defaults write TARGET KEY VALUE
 //   veld-defaults delete TARGET KEY
 // TARGET is the preference folder + "/" + the domain; the file is TARGET + ".conf".
