@@ -76,7 +76,11 @@ EOF
     fi
     if ! polkit_on_bus; then
         setsid "$polkitd" --no-debug </dev/null >>"$state/polkitd.log" 2>&1 &
-        wait_until polkit_on_bus || { echo "$0: polkitd did not come on the bus; $state/polkitd.log:" >&2; cat "$state/polkitd.log" >&2; exit 1; }
+        if ! wait_until polkit_on_bus; then
+            echo "$0: polkitd did not come on the bus; $state/polkitd.log:" >&2
+            cat "$state/polkitd.log" >&2
+            exit 1
+        fi
         bus GetConnectionUnixProcessID string:org.freedesktop.PolicyKit1 | awk '/uint32/ {print $2}' >"$state/polkitd.pid"
         echo "started polkitd ($(cat "$state/polkitd.pid"))"
     fi
