@@ -10,6 +10,7 @@ packages=(
     fonts-dejavu-core
     util-linux sudo
     gobjc++ libxml2-utils
+    dbus polkitd pkexec
 )
 [ "${1:-}" != --run ] || packages+=(xvfb xauth imagemagick)
 

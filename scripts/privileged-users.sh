@@ -9,9 +9,25 @@
 # so that these users can run what was built there.
 #   scripts/privileged-users.sh BUILD_FOLDER...
 set -euo pipefail
+# Byte by byte: the folder check below must not take other alphabets' letters for the ones it lists.
+export LC_ALL=C
 
-[ "$(id -u)" -eq 0 ] || { echo "$0: run as root" >&2; exit 1; }
 [ $# -gt 0 ] || { echo "usage: $0 BUILD_FOLDER..." >&2; exit 2; }
+# Each folder's path becomes a command path in the sudoers rule, where "*", "?" and "[...]" are
+# wildcards and blanks, commas, colons, "=", "!", "#" and backslashes are syntax: a path with any
+# of them could let veldadmin run other programs as root. Only plain paths are taken, and all are
+# checked before anything on this machine changes.
+refused=0
+for build in "$@"; do
+    folder=$(realpath -m -- "$build")
+    if [[ ! $folder =~ ^[A-Za-z0-9/._+-]+$ ]]; then
+        echo "$0: refused: the build folder '$folder' has characters other than letters, digits and / . _ - +," \
+             "which the sudoers rule would read as wildcards or syntax; nothing was changed" >&2
+        refused=1
+    fi
+done
+[ "$refused" -eq 0 ] || exit 2
+[ "$(id -u)" -eq 0 ] || { echo "$0: run as root" >&2; exit 1; }
 command -v sudo >/dev/null || { echo "$0: sudo is not installed (scripts/install-deps.sh installs it)" >&2; exit 1; }
 
 admin_group=""
@@ -33,7 +49,7 @@ trap 'rm -f "$rule"' EXIT
 echo "# Written by the VELD installer's scripts/privileged-users.sh: the privileged tests' helpers." >"$rule"
 for build in "$@"; do
     helper="$(realpath -m "$build")/VELD Installer.app/Contents/MacOS/veld-authhelper"
-    # sudoers needs its special characters escaped in a command path.
+    # The folder is plain (checked above); the blank of the bundle's name is escaped for sudoers.
     escaped=$(printf '%s' "$helper" | sed 's/[\\ ,:=()]/\\&/g')
     echo "veldadmin ALL=(root) NOPASSWD: $escaped" >>"$rule"
 done

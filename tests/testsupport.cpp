@@ -233,10 +233,15 @@ uid_t userId(const QString &name)
     return entry ? entry->pw_uid : uid_t(-1);
 }
 
-bool privilegedUsersReady()
+QString privilegedMissing()
 {
-    return ::geteuid() == 0 && userId("veldadmin") != uid_t(-1) && userId("veldguest") != uid_t(-1)
-           && QFileInfo::exists(QStringLiteral("/etc/sudoers.d/veld-authhelper"));
+    if (::geteuid() != 0 || userId("veldadmin") == uid_t(-1) || userId("veldguest") == uid_t(-1)
+        || !QFileInfo::exists(QStringLiteral("/etc/sudoers.d/veld-authhelper")))
+        return QStringLiteral("run as root after scripts/privileged-users.sh");
+    // pkexec's subject is its parent, here a shell of veldadmin's, as the installer will be; asked once.
+    static const QString pkexec = "SHELL=/bin/sh /usr/bin/pkexec --disable-internal-agent /bin/true; exit $?";
+    static const bool polkit = !throughPkexec() || runProcess(asUser("veldadmin")({"/bin/sh", "-c", pkexec})).exitCode == 0;
+    return polkit ? QString() : QStringLiteral("polkit must let veldadmin run programs through pkexec: run scripts/polkit.sh start");
 }
 
 bool createCountingLauncher(const QString &folder)

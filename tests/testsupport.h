@@ -74,14 +74,18 @@ bool allGone(const QList<pid_t> &pids);
 
 // scripts/privileged-users.sh makes "veldadmin" (an administrator, sudo runs the helper) and "veldguest" (neither).
 uid_t userId(const QString &name);
-bool privilegedUsersReady();
-/** Skips the test unless the privileged users are ready; fails it instead where VELD_REQUIRE_PRIVILEGED is set (CI). */
+/** The rows go through the installer's default launcher, pkexec, not a counting "sudo -n" (ctest's *_pkexec runs). */
+inline bool throughPkexec() { return qEnvironmentVariableIsSet("VELD_TEST_PKEXEC"); }
+/** What the privileged tests need and lack here, or "": root, the users and, through pkexec, polkit's rule for them. */
+QString privilegedMissing();
+/** Skips the test unless the privileged tests can run; fails it instead where VELD_REQUIRE_PRIVILEGED is set (CI). */
 #define REQUIRE_PRIVILEGED()                                                                                       \
     do {                                                                                                           \
-        if (!inChild() && !privilegedUsersReady()) {                                                               \
+        const QString missing = inChild() ? QString() : privilegedMissing();                                       \
+        if (!missing.isEmpty()) {                                                                                  \
             if (qEnvironmentVariableIsSet("VELD_REQUIRE_PRIVILEGED"))                                              \
-                QFAIL("the privileged tests must run here: run as root after scripts/privileged-users.sh");        \
-            QSKIP("needs root and the users of scripts/privileged-users.sh");                                      \
+                QFAIL(qPrintable("the privileged tests must run here: " + missing));                               \
+            QSKIP(qPrintable("not set up here: " + missing));                                                      \
         }                                                                                                          \
     } while (0)
 

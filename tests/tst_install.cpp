@@ -15,7 +15,8 @@
 #include <memory>
 
 // The whole installation: a copy of this program in a bundle beside a real source runs the wizard as an ordinary user,
-// with the real copy programs and rights through the real "sudo -n", then examines the disk it saw.
+// with the real copy programs and rights through the real "sudo -n", or through the installer's own launcher, the
+// real pkexec asking the real polkitd (throughPkexec()), then examines the disk it saw.
 
 namespace {
 
@@ -31,6 +32,18 @@ QStringList dataFiles(const QString &folder)
     return files;
 }
 
+// For pkexec, which passes no environment on: in root's folder/helper, the built helper beside veld-defaults (allowed
+// from its own folder alone), copied, run by a script that counts the starts that pkexec allowed in folder/launches.
+bool createCountingHelper(const QString &folder)
+{
+    const QString helper = folder + "/helper", built = QFileInfo(VELD_AUTHHELPER).absolutePath();
+    return writeFile(helper + "/veld-authhelper-counted", fileBytes(VELD_AUTHHELPER), 0755)
+           && writeFile(helper + "/veld-defaults", fileBytes(built + "/veld-defaults"), 0755)
+           && writeFile(helper + "/veld-authhelper",
+                        "#!/bin/sh\necho started >> \"${0%/*}/../launches\"\nexec \"${0%/*}/veld-authhelper-counted\"\n", 0755)
+           && QFile::setPermissions(helper, QFileDevice::Permissions(0x7755));
+}
+
 } // namespace
 
 class tst_Install : public QObject
@@ -40,7 +53,7 @@ class tst_Install : public QObject
     QTemporaryDir m_dir;
 
 private slots:
-    void cleanup() { QVERIFY(allGone(processesMentioning(VELD_AUTHHELPER))); }
+    void cleanup() { QVERIFY(allGone(processesMentioning(VELD_AUTHHELPER) + processesMentioning(m_dir.filePath("helper/")))); }
 
     void install_data()
     {
@@ -110,6 +123,12 @@ private slots:
             QVERIFY(place != "shared" || ::chmod(QFile::encodeName(parent).constData(), 0775) == 0);
             QCOMPARE(runProcess({"chmod", "755", layout.path(), destDisk.path()}).exitCode, 0);
             QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
+            if (throughPkexec()) {
+                QVERIFY(createCountingHelper(m_dir.path()));
+                env.insert("SHELL", "/bin/sh");   // pkexec refuses a SHELL that /etc/shells does not list
+                env.insert("VELD_AUTH_HELPER", m_dir.filePath("helper/veld-authhelper"));
+                env.remove("VELD_AUTH_LAUNCHER");
+            }
             env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
             for (const char *name : {"XDG_CONFIG_HOME", "HOME"})
                 env.insert(name, layout.filePath("home"));
