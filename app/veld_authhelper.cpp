@@ -10,6 +10,7 @@
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
 #include "platform/privops.h"
+#include "platform/users.h"
 
 #include <cerrno>
 #include <climits>
@@ -21,7 +22,6 @@
 #include <vector>
 
 #include <dirent.h>
-#include <grp.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,15 +41,6 @@ std::string ownFolder()
         return std::string();
     const std::string path(self, size_t(length));
     return path.substr(0, path.rfind('/'));
-}
-
-gid_t administratorsGroup()
-{
-    for (const char *name : {"sudo", "wheel", "admin"}) {
-        if (const group *found = ::getgrnam(name))
-            return found->gr_gid;
-    }
-    return gid_t(-1);
 }
 
 // Nothing but the conversation and standard error stays open.
@@ -97,7 +88,7 @@ int main()
         return 1;
     HelperRun run;
     run.caller = callerFromLauncher(getenv("PKEXEC_UID"), getenv("SUDO_UID"), ::getuid());
-    run.adminGroup = administratorsGroup();
+    run.adminGroup = gid_t(getGroupId(adminGroupName()));
     run.helperFolder = ownFolder();
 
     if (!authproto::writeFrame(kOutput, authproto::kReady))

@@ -25,6 +25,7 @@
 namespace {
 
 const char kProgramName[] = "VELD Installer";
+const char kNotWritten[] = " was not able to write the database to the selected location.";
 const char kPrefDomain[] = "com.halvorn.QuorvanVELD";
 const char kPrefKey[] = "VELDFullDatabasePath";
 const int kFailure = -100;
@@ -131,21 +132,21 @@ void ConclusionPage::doCopy()
                 return;
             }
             if (!gMacAuthorizationRef && establishPrivsForSetup() != 0) {
-                fail(QStringLiteral(" was not able to write the database to the selected location."));
+                fail(QLatin1String(kNotWritten));
                 return;
             }
             char mode[8];
             snprintf(mode, sizeof mode, "%o", unsigned(kFolderMode));
             if (!runCommandWithAuthority(gMacAuthorizationRef, "/bin/mkdir", {"-m", mode, dest.constData()})) {
                 log_msg("doCopy: runCommandWithAuthority(/bin/mkdir %s %s %s) failed\n", "-m", mode, dest.constData());
-                fail(QStringLiteral(" was not able to write the database to the selected location."));
+                fail(QLatin1String(kNotWritten));
                 return;
             }
             // The mkdir counts as run even when it failed: what is there now must be the folder it made.
             struct stat made;
             if (lstat(dest.constData(), &made) != 0 || !S_ISDIR(made.st_mode) || (made.st_uid != 0 && made.st_uid != getuid())) {
                 log_msg("doCopy: %s is not a folder of root's or the user's after the privileged mkdir\n", dest.constData());
-                fail(QStringLiteral(" was not able to write the database to the selected location."));
+                fail(QLatin1String(kNotWritten));
                 return;
             }
             needsPermissionFix = true;

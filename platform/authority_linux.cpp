@@ -57,23 +57,20 @@ bool isKnown(AuthorizationRef ref)
     return std::any_of(all.begin(), all.end(), [ref](const auto &each) { return each.get() == ref; });
 }
 
-// A test variable's value, or null: it is honoured only when the program it names is root's alone, so
-// that an ordinary user's environment cannot choose what runs as root.
-const char *trustedChoice(const char *variable, const std::string &program)
+// Whether a test variable that names program is honoured: only when program is root's alone, so that an
+// ordinary user's environment cannot choose what runs as root.
+bool honoured(const char *variable, const std::string &program)
 {
-    const char *chosen = getenv(variable);
-    if (!chosen || !*chosen)
-        return nullptr;
     if (isRootsAlonePath(program))
-        return chosen;
+        return true;
     fprintf(stderr, "%s: %s ignored: %s is not owned by root alone\n", kHelperName, variable, program.c_str());
-    return nullptr;
+    return false;
 }
 
 std::string helperPath()
 {
     const char *chosen = getenv("VELD_AUTH_HELPER");
-    if (chosen && trustedChoice("VELD_AUTH_HELPER", chosen))
+    if (chosen && *chosen && honoured("VELD_AUTH_HELPER", chosen))
         return chosen;
     char self[PATH_MAX];
     const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
@@ -104,7 +101,7 @@ std::vector<std::string> launcherWords()
     std::istringstream line(chosen ? chosen : "");
     for (std::string word; line >> word;)
         words.push_back(word);
-    if (words.empty() || !trustedChoice("VELD_AUTH_LAUNCHER", words.front()))
+    if (words.empty() || !honoured("VELD_AUTH_LAUNCHER", words.front()))
         words.assign(1, kDefaultLauncher);
     return words;
 }

@@ -19,27 +19,6 @@ std::string failure(const std::string &what, int error)
     return what + ": " + strerror(error);
 }
 
-bool copyAll(int from, int to)
-{
-    char buffer[65536];
-    for (;;) {
-        const ssize_t got = read(from, buffer, sizeof buffer);
-        if (got == 0)
-            return true;
-        if (got < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        for (ssize_t done = 0; done < got;) {
-            const ssize_t put = write(to, buffer + done, size_t(got - done));
-            if (put < 0 && errno != EINTR)
-                return false;
-            done += put > 0 ? put : 0;
-        }
-    }
-}
-
 bool syncPath(const std::string &path, int flags)
 {
     const int fd = open(path.c_str(), flags | O_CLOEXEC);
@@ -107,6 +86,27 @@ std::string changeNewFile(const std::string &path, const std::string &temp, cons
 }
 
 } // namespace
+
+bool copyAll(int from, int to)
+{
+    char buffer[65536];
+    for (;;) {
+        const ssize_t got = read(from, buffer, sizeof buffer);
+        if (got == 0)
+            return true;
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t put = write(to, buffer + done, size_t(got - done));
+            if (put < 0 && errno != EINTR)
+                return false;
+            done += put > 0 ? put : 0;
+        }
+    }
+}
 
 bool prefFileRead(const QString &path, const QString &key, QString *value)
 {

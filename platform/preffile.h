@@ -26,4 +26,7 @@ bool prefFileRead(const QString &path, const QString &key, QString *value);
  */
 std::string prefFileWrite(const std::string &path, const QString &key, const QString *value);
 
+/** Copies everything from one descriptor to the other until the first ends; false when a read or write failed. */
+bool copyAll(int from, int to);
+
 #endif

@@ -101,24 +101,6 @@ Outcome changeObject(const Operation &op)
     return Outcome::Done;
 }
 
-bool copyAll(int from, int to)
-{
-    char buffer[65536];
-    for (ssize_t got; (got = ::read(from, buffer, sizeof buffer)) != 0;) {
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        for (ssize_t done = 0, put; done < got; done += put) {
-            put = ::write(to, buffer + done, size_t(got - done));
-            if (put < 0 && errno != EINTR)
-                return false;
-            put = put < 0 ? 0 : put;
-        }
-    }
-    return true;
-}
-
 Outcome copy(const Operation &op, const HelperRun &run, std::string *why)
 {
     struct stat st;
