@@ -6,6 +6,7 @@
 #include "pages/sourcepage.h"
 #include "platform/log.h"
 #include "platform/privileges.h"
+#include "platform/texts.h"
 #include "platform/users.h"
 
 #include <QPixmap>
@@ -16,7 +17,7 @@ namespace {
 
 QString defaultTitle()
 {
-    return VELD_Installer::tr("Welcome to the Quorvan Spectra and Properties Database Installer");
+    return VELD_Installer::tr(kWelcomeTitle);
 }
 
 } // namespace

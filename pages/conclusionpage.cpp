@@ -6,6 +6,7 @@
 #include "platform/log.h"
 #include "platform/prefstore.h"
 #include "platform/privileges.h"
+#include "platform/texts.h"
 #include "workers/copythread.h"
 #include "workers/sizethread.h"
 
@@ -24,7 +25,6 @@
 
 namespace {
 
-const char kProgramName[] = "VELD Installer";
 const char kNotWritten[] = " was not able to write the database to the selected location.";
 const char kPrefDomain[] = "com.halvorn.QuorvanVELD";
 const char kPrefKey[] = "VELDFullDatabasePath";
@@ -34,8 +34,7 @@ const mode_t kFolderMode = 0755;
 QString privilegeReason(const char *purpose)
 {
     return QLatin1String(kProgramName) + QStringLiteral(" needs to enable privileges to ") + QLatin1String(purpose)
-           + QStringLiteral("\n\n") + QStringLiteral("You will be asked to provide the name and password ")
-           + QStringLiteral("of a user that has administrative capabilities for this computer.");
+           + QStringLiteral("\n\n") + QLatin1String(kPasswordFollows);
 }
 
 } // namespace

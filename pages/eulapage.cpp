@@ -3,6 +3,7 @@
 #include "pageids.h"
 
 #include "platform/installpath.h"
+#include "platform/texts.h"
 
 #include <QCheckBox>
 #include <QLabel>
@@ -22,7 +23,7 @@ const char kAcceptText[] = "I accept the terms in the License Agreement";
 EulaPage::EulaPage(QWidget *parent)
     : QWizardPage(parent)
 {
-    setTitle(tr("Welcome to the Quorvan Spectra and Properties Database Installer"));
+    setTitle(tr(kWelcomeTitle));
 
     // A missing file leaves the browser empty; the page works the same.
     auto *browser = new QTextBrowser;

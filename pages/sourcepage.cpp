@@ -4,6 +4,7 @@
 #include "pagestate.h"
 
 #include "platform/installpath.h"
+#include "platform/texts.h"
 #include "platform/users.h"
 #include "workers/sizethread.h"
 
@@ -57,7 +58,7 @@ std::string removableSourceFolder()
 SourcePage::SourcePage(QWidget *parent)
     : QWizardPage(parent)
 {
-    setTitle(tr("Welcome to the Quorvan Spectra and Properties Database Installer"));
+    setTitle(tr(kWelcomeTitle));
 
     findButton = new QPushButton(tr("Find data files.."));
     connect(findButton, &QPushButton::clicked, this, &SourcePage::chooseSource);

@@ -1,6 +1,7 @@
 #include "installpath.h"
 
 #include "log.h"
+#include "texts.h"
 
 #include <cctype>
 #include <cstdio>
@@ -46,7 +47,7 @@ void GETINSTALLPATH(char *buffer, int size, int *length)
 
 std::string GetHelpPath()
 {
-    return GetInstallPath() + "/Contents/Resources/English.lproj/" + "VELD Installer" + " Help/help/";
+    return GetInstallPath() + "/Contents/Resources/English.lproj/" + kProgramName + " Help/help/";
 }
 
 int setMacDYLDPath()

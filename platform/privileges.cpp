@@ -3,6 +3,7 @@
 #include "authority.h"
 #include "locations.h"
 #include "log.h"
+#include "texts.h"
 #include "users.h"
 
 #include <QMessageBox>
@@ -22,7 +23,6 @@ QWidget *gSplashScreen = nullptr;
 
 namespace {
 
-const char kProgramName[] = "VELD Installer";
 const mode_t kSystemMode = 0775;
 const mode_t kUserMode = 0755;
 const mode_t kExpectedParentMode = 040775;

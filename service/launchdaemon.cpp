@@ -4,6 +4,7 @@
 #include "platform/locations.h"
 #include "platform/log.h"
 #include "platform/privileges.h"
+#include "platform/texts.h"
 #include "platform/users.h"
 
 #include <QString>
@@ -98,10 +99,8 @@ int createLaunchDaemonAgent(const char *path, bool systemWide, bool run)
 
 int rewriteLaunchDaemonAgentFile(const char *path, bool systemWide, bool run)
 {
-    gPrivilegeReason = QStringLiteral("VELD Installer") + QStringLiteral(" needs privileges to change QuorvanServer's ")
-                       + QStringLiteral("state for all users.") + QStringLiteral("\n\n")
-                       + QStringLiteral("You will be asked to provide the name and password ")
-                       + QStringLiteral("of a user that has administrative capabilities for this computer.");
+    gPrivilegeReason = QLatin1String(kProgramName) + QStringLiteral(" needs privileges to change QuorvanServer's ")
+                       + QStringLiteral("state for all users.") + QStringLiteral("\n\n") + QLatin1String(kPasswordFollows);
     return createLaunchDaemonAgent(path, systemWide, run);
 }
 
