@@ -1,4 +1,5 @@
 #include "veld_installer.h"
+#include "wizardface.h"
 
 #include "pages/conclusionpage.h"
 #include "pages/eulapage.h"
@@ -29,7 +30,7 @@ VELD_Installer::VELD_Installer(QWidget *parent)
     ShouldStartMacLogging();
     gAdminGid = getGroupId(adminGroupName());
 
-    setPixmap(QWizard::BackgroundPixmap, QPixmap(QStringLiteral(":/images/VELD_DVD_Artwork.png")));
+    dressWizard(*this, QPixmap(QStringLiteral(":/images/VELD_DVD_Artwork.png")));
 
     // The source page starts looking for the database as it is built, so the
     // first scan runs while the agreement is being read.

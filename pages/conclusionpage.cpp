@@ -10,6 +10,7 @@
 #include "workers/copythread.h"
 #include "workers/sizethread.h"
 
+#include <QAbstractButton>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QProgressBar>
@@ -192,6 +193,10 @@ void ConclusionPage::handleResult()
     progressBar->setRange(0, 100);
     progressBar->hide();
     setBackEnabled(true);
+    // Return now means Done, wherever the keyboard's focus was while the page worked
+    // (a focused button would take Return for itself).
+    if (QAbstractButton *done = wizard() ? wizard()->button(QWizard::FinishButton) : nullptr)
+        done->setFocus();
 }
 
 QString ConclusionPage::failureText(int errCode, const QString &errMsg)
