@@ -99,7 +99,7 @@ Run timed(Start start)
 
 Run runWorker(const QList<QFileInfo> &files, const QString &dest)
 {
-    sResultList = files;
+    sSourceFiles = files;
     sCopyFiles = false; // copy, not move
     CopyThread copy(nullptr, dest);
     int copied = 0, lastCode = 1;

@@ -163,7 +163,7 @@ void ConclusionPage::doCopy()
     connect(copyThread, &QThread::finished, this, &ConclusionPage::handleResult);
     connect(copyThread, &CopyThread::copiedFile, this, &ConclusionPage::moveBar);
     connect(copyThread, &CopyThread::copyResult, this, &ConclusionPage::resultSet);
-    progressBar->setMaximum(sResultList.size());
+    progressBar->setMaximum(sSourceFiles.size());
     if (!copyThread->isRunning())
         copyThread->start(QThread::InheritPriority);
 }

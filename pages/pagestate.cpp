@@ -3,6 +3,7 @@
 #include <QSpacerItem>
 
 QList<QFileInfo> sResultList;
+QList<QFileInfo> sSourceFiles;
 bool sCopyFiles = false;
 
 QSpacerItem *sideSpacer()

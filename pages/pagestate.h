@@ -15,6 +15,14 @@ class QSpacerItem;
 extern QList<QFileInfo> sResultList;
 
 /**
+ * The data files of the source the user sees: the block of sResultList that
+ * the scan behind the source page's latest result added (dbSize is their
+ * total). The decision between moving and copying and the transfer work on
+ * these alone, whatever else sResultList holds. Empty until a result is shown.
+ */
+extern QList<QFileInfo> sSourceFiles;
+
+/**
  * The destination page's decision, made anew at each Continue there: true when
  * the files are to be MOVED (source and destination on the same volume), false
  * when they are to be copied. The name says the opposite; every reader treats

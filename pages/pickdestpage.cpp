@@ -16,6 +16,7 @@
 #include <QScopedValueRollback>
 #include <QWizard>
 
+#include <algorithm>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +31,17 @@ const qint64 kBytesPerReportedMebibyte = 1000000;
 std::string encoded(const QString &path)
 {
     return QFile::encodeName(path).toStdString();
+}
+
+// A move never crosses file systems: every file of the source the user sees,
+// not only its first, lies on the probe folder's volume. Without a file
+// there is nothing to compare, which counts as another volume.
+bool movesWithinVolume(const QString &probeFolder)
+{
+    const std::string probe = encoded(probeFolder);
+    return !sSourceFiles.isEmpty() && std::all_of(sSourceFiles.begin(), sSourceFiles.end(), [&](const QFileInfo &file) {
+        return sameVolume(probe, encoded(file.absoluteFilePath()));
+    });
 }
 
 } // namespace
@@ -100,6 +112,7 @@ void PickDestPage::setVisible(bool visible)
 
 void PickDestPage::showDestination()
 {
+    ++shownDestinations;
     setSubTitle(tr("The database will be stored in\n\n%1\n\nClick \"Continue\" to install here, or \"Choose\" to "
                    "select another location.")
                     .arg(pathEdit->text()));
@@ -144,15 +157,15 @@ bool PickDestPage::finishSourceScans()
 
 bool PickDestPage::validatePage()
 {
-    if (validating || !finishSourceScans())
+    const quint64 confirmed = shownDestinations;
+    if (validating || !finishSourceScans() || shownDestinations != confirmed)
         return false;
 
     const quint64 dbSize = static_cast<SourcePage *>(wizard()->page(kSourcePageId))->dbSize;
     const QString destination = field(QStringLiteral("path")).toString();
     const QString probeFolder = probeFolderFor(destination);
 
-    // Without a source file there is nothing to compare: treated as another volume.
-    if (!sResultList.isEmpty() && sameVolume(encoded(probeFolder), encoded(sResultList.at(0).absoluteFilePath()))) {
+    if (movesWithinVolume(probeFolder)) {
         sCopyFiles = true;
         setSubTitle(tr("The files will be moved to the selected location."));
         return true;

@@ -52,6 +52,9 @@ private:
     // Carries the field "path"; never shown, so it has no parent and the page owns it.
     QLineEdit *pathEdit;
     bool validating = false;
+    // Counts the destinations shown: a Continue that waited for the source
+    // stands only if the user saw no other destination meanwhile.
+    quint64 shownDestinations = 0;
 };
 
 #endif

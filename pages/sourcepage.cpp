@@ -120,13 +120,19 @@ bool SourcePage::isCurrentScan() const
     return !from || from == sizeThread;
 }
 
+void SourcePage::takeResult(quint64 finishedSize)
+{
+    dbSize = finishedSize;
+    sSourceFiles = sizeThread ? sizeThread->foundFiles() : QList<QFileInfo>();
+}
+
 void SourcePage::updateDBSize(QString path, quint64 finishedSize)
 {
     Q_UNUSED(path)
     if (!isCurrentScan())
         return;
     statusLabel->setText(QString::fromLatin1(kFixedSize).arg(sizeFigure(finishedSize)));
-    dbSize = finishedSize;
+    takeResult(finishedSize);
     setButtonText(QWizard::NextButton, QString::fromLatin1(kContinue));
     delete sizeThread;
 }
@@ -148,7 +154,7 @@ void SourcePage::customDBSourceLocation(QString path, quint64 finishedSize)
         message = QString::fromLatin1(kChosenEmpty).arg(folderName);
     }
     statusLabel->setText(message);
-    dbSize = finishedSize;
+    takeResult(finishedSize);
     delete sizeThread;
 }
 

@@ -45,6 +45,8 @@ private slots:
 private:
     void startScan(const QString &folder, void (SourcePage::*resultSlot)(QString, quint64));
     bool isCurrentScan() const;
+    // The size and files of the scan whose result is shown now.
+    void takeResult(quint64 finishedSize);
 
     QLabel *statusLabel;
     QPushButton *findButton;

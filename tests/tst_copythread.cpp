@@ -9,7 +9,7 @@ class tst_CopyThread : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { sResultList.clear(); sCopyFiles = false; }
+    void init() { sSourceFiles.clear(); sCopyFiles = false; }
 
     void transfer_data()
     {
@@ -60,7 +60,7 @@ private slots:
             else if (!name.startsWith('-') && !file.exists())
                 QVERIFY(makeFile(path, 1000 + path.size()) && file.open(QIODevice::ReadWrite) && file.setPermissions(QFileDevice::Permissions(0x6440))
                         && file.setFileTime(kOld, QFileDevice::FileModificationTime));
-            sResultList << QFileInfo(path);
+            sSourceFiles << QFileInfo(path);
         }
         const int held = pipe.isEmpty() ? -1 : ::open(QFile::encodeName(pipe).constData(), O_RDWR);
         auto closePipe = qScopeGuard([held] { held < 0 || ::close(held); });

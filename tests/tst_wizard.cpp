@@ -284,7 +284,7 @@ private slots:
             return runInLayout({});
         const QDir home = QDir::home();
         QVERIFY(buildTree(home.path(), {"f|Data/MyData/x.qventry|4000000000", "f|Data/MyData/deeper/y.qvindex|1000000000",
-                                        "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Big/a/z.qventry|1",
+                                        "f|Data/MyData/notes.txt|7", "f|Empty/MyData/readme.txt|100", "f|Empty/MyData/e.qventry|0", "f|Big/a/z.qventry|1",
                                         "f|Big/b/z.qventry|1"}));
         // "Big" is still measured when the next choice comes; every other choice is measured before the next.
         const bool held = choices.first() == "Big";
@@ -306,11 +306,11 @@ private slots:
         ScanGate::release();
         QVERIFY(SizeThread::waitForScans());
         QCOMPARE(ScanGate::foldersAfterCancel(), 0);
-        // The page shows the last choice, and the list holds that folder's files and no one else's.
+        // The page shows the last choice, and the source's files are that folder's and no one else's.
         const QString last = choices.last();
         QList<QFileInfo> expected;
         const quint64 total = last.isEmpty() ? 0 : SizeThread::dirSize(home.filePath(last), expected);
-        QCOMPARE(paths(sResultList), paths(expected));
+        QCOMPARE(paths(sSourceFiles), paths(expected));
         QCOMPARE(page->dbSize, total);
         QCOMPARE(label->text(), last.isEmpty() ? "Scanning..." : kChosen.arg("\"MyData\"", ::sizeFigure(total)));
         QCOMPARE(find->isHidden(), total > 0);
@@ -453,6 +453,8 @@ private slots:
         QTest::newRow("other disk, room") << other << qint64(7999999) << "Other Disk é" << "copy";
         QTest::newRow("other disk, free space equal to the size") << other << qint64(8000000) << "Other Disk é" << "refuse:0.00 KB";
         QTest::newRow("same disk, full") << fullSource << qint64(5000000000) << "VELDV400" << "move";
+        QTest::newRow("source on a disk of its own, destination beside the earlier entry")
+            << "mount -t tmpfs tmpfs \"$1/VELDV400\"" << qint64(1000) << "Other Disk é" << "copy";
         QTest::newRow("default, measured on the shared parent")
             << "mount -t tmpfs tmpfs /usr/local && mkdir /usr/local/share && mount -t tmpfs -o size=8m tmpfs /usr/local/share"
             << qint64(8000000) << "" << "refuse:0.00 KB";
@@ -469,6 +471,9 @@ private slots:
         if (!inChild())
             return runInLayout(kDestLayout, setup);
         QVERIFY(makeFile(layoutFolder() + "/VELDV400/data/a.qventry", sourceBytes));   // sparse
+        // An entry of an earlier source, on the layout's own disk, stays in the list without deciding anything.
+        QVERIFY(makeFile(layoutFolder() + "/earlier.qventry", 0));
+        sResultList = {QFileInfo(layoutFolder() + "/earlier.qventry")};
         VELD_Installer wizard;
         goToDestPage(wizard);
         if (!chosen.isEmpty())
@@ -485,20 +490,28 @@ private slots:
 
     void waitForScan_data()
     {
-        QTest::addColumn<int>("button");   // what the user clicks while the scan is waited for
-        QTest::newRow("Continue again") << int(QWizard::NextButton);
-        QTest::newRow("Back") << int(QWizard::BackButton);
-        QTest::newRow("Cancel") << int(QWizard::CancelButton);
+        QTest::addColumn<QString>("actions");   // what the user does while the scan is waited for
+        QTest::addColumn<int>("after");         // the page shown once the wait is over, -1 when closed
+        QTest::addColumn<QString>("shown");     // the destination page's subtitle then: "moved" or the destination
+        const QString first = layoutFolder() + "/VELDV400_0", other = layoutFolder() + "/Other Disk é/VELDV400";
+        QTest::newRow("Continue again") << "Next" << int(kConclusionPageId) << "moved";
+        QTest::newRow("Back") << "Back" << int(kSourcePageId) << first;
+        QTest::newRow("Cancel") << "Cancel" << -1 << first;
+        // The first Continue was for a destination that the page no longer shows.
+        QTest::newRow("Back, then Next") << "Back Next" << int(kPickDestPageId) << QString::fromUtf8(kDefaultDestination);
+        QTest::newRow("another folder chosen") << "Choose" << int(kPickDestPageId) << other;
     }
 
     // Continue while the source beside the bundle is still measured (held at the
     // scan gate), on the same disk as the destination chosen.
     void waitForScan()
     {
-        QFETCH(int, button);
+        QFETCH(QString, actions);
+        QFETCH(int, after);
+        QFETCH(QString, shown);
         if (!inChild())
             return runInLayout(kDestLayout);
-        bool waiting = false;   // the scan still pending at Continue, with the busy cursor, and after the second click
+        bool waiting = false;   // the scan still pending at Continue, with the busy cursor, and after the actions
         int pageAfterWait = -1;
         ScanGate::close();
         VELD_Installer wizard;
@@ -509,7 +522,11 @@ private slots:
             choose(wizard, layoutFolder());
             QTimer::singleShot(0, &wizard, [&] {
                 waiting = SizeThread::scansPending() && QApplication::overrideCursor()->shape() == Qt::BusyCursor;
-                QTest::mouseClick(wizard.button(QWizard::WizardButton(button)), Qt::LeftButton);
+                const QMap<QString, QWizard::WizardButton> buttons{
+                    {"Next", QWizard::NextButton}, {"Back", QWizard::BackButton}, {"Cancel", QWizard::CancelButton}};
+                for (const QString &action : actions.split(' '))
+                    action == "Choose" ? choose(wizard, layoutFolder() + "/Other Disk é")
+                                       : QTest::mouseClick(wizard.button(buttons.value(action)), Qt::LeftButton);
                 waiting = waiting && SizeThread::scansPending();
                 ScanGate::release();
             });
@@ -520,9 +537,10 @@ private slots:
         QCOMPARE(QApplication::exec(), 0);
         QVERIFY(waiting && !QApplication::overrideCursor());
         // A second Continue is ignored, and the move is decided on the finished list (without it the disks would not
-        // compare); Back and Cancel are respected.
-        QCOMPARE(pageAfterWait, button == QWizard::NextButton ? kConclusionPageId : button == QWizard::BackButton ? kSourcePageId : -1);
-        QCOMPARE(wizard.page(kPickDestPageId)->subTitle() == kMoved, button == QWizard::NextButton);
+        // compare); Back and Cancel are respected, and so is a destination shown anew.
+        QCOMPARE(pageAfterWait, after);
+        const QString subTitle = wizard.page(kPickDestPageId)->subTitle();
+        QCOMPARE(subTitle, shown == "moved" ? kMoved : kStoredIn.arg(shown));
     }
 };
 

@@ -18,7 +18,7 @@ const int kCancelPollMs = 100;
 CopyThread::CopyThread(QObject *parent, QString path)
     : QThread(parent)
     , path(std::move(path))
-    , files(sResultList)
+    , files(sSourceFiles)
     , moveFiles(sCopyFiles)
 {
 }

@@ -14,7 +14,7 @@
 /**
  * Transfers the database's data files into one folder on a thread of its own,
  * with the user's own rights: one "/bin/cp -pf SRC TARGET" or "/bin/mv SRC
- * TARGET" per file, in the order of sResultList, each into the folder itself
+ * TARGET" per file, in the order of sSourceFiles, each into the folder itself
  * (a tree arrives flat). The first failure stops it; nothing is rolled back.
  *
  * Reports through copyResult (the outcome as it stands: first -100 with "The

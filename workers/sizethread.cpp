@@ -221,13 +221,13 @@ void SizeThread::run()
 
 void SizeThread::publish()
 {
-    QList<QFileInfo> found;
     {
+        // The thread has written its last to m_found before the signal that runs this.
         std::lock_guard<std::mutex> lock(m_foundMutex);
-        found.swap(m_found);
+        if (m_cancelled.load())
+            m_found.clear();
     }
-    if (!m_cancelled.load())
-        sResultList.append(found);
+    sResultList.append(m_found);
     m_published = true;
     wakeWaiters();
 }

@@ -59,6 +59,9 @@ public:
      */
     static bool waitForScans();
 
+    /** The files this scan added to sResultList; empty until its result is delivered. Owner's thread only. */
+    const QList<QFileInfo> &foundFiles() const { return m_published ? m_found : m_none; }
+
     /** True while a started scan has not ended or not yet delivered its result. */
     static bool scansPending();
 
@@ -89,7 +92,8 @@ private:
     // Hands the scan's files to the owner's thread. Its last lock in run() also
     // marks the end of the thread's use of this object for the destructor.
     std::mutex m_foundMutex;
-    QList<QFileInfo> m_found;
+    QList<QFileInfo> m_found;        // once published, owner's thread only
+    const QList<QFileInfo> m_none;
     bool m_resultReady = false;      // guarded by m_foundMutex
     bool m_published = false;        // owner's thread only
 };
