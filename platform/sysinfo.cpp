@@ -94,7 +94,8 @@ Qt::KeyboardModifiers modifiersFromEventFlags(unsigned long flags)
 
 Qt::KeyboardModifiers MacGetModifierKeys()
 {
-    return osModifierKeys();
+    // Masked here, for both bodies: on Linux the toolkit also reports its keypad and group-switch bits.
+    return osModifierKeys() & (Qt::ShiftModifier | Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier);
 }
 
 unsigned long MacMouseButtons()

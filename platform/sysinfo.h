@@ -26,7 +26,7 @@
 int MacOSVersion();
 
 /** The modifier keys held now, as the toolkit's bits (Command is Control, Control is Meta on
- *  macOS). No modifiers without a running GUI application. */
+ *  macOS): Shift, Control, Alt and Meta only. No modifiers without a running GUI application. */
 Qt::KeyboardModifiers MacGetModifierKeys();
 
 /** The mouse buttons held now: bit n for button n (0 left, 1 right, 2 middle, then the

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <grp.h>
+#include <optional>
 #include <pwd.h>
 #include <unistd.h>
 #include <vector>
@@ -31,6 +32,22 @@ int withGrowingBuffer(int sysconfName, Lookup lookup)
     return rc;
 }
 
+// The login name of uid, or nothing when it has no entry or cannot be looked up; *rc is the last
+// status of getpwuid_r.
+std::optional<std::string> lookUpLoginName(uid_t uid, int *rc)
+{
+    std::optional<std::string> name;
+    *rc = withGrowingBuffer(_SC_GETPW_R_SIZE_MAX, [&](char *buffer, size_t size) {
+        passwd entry;
+        passwd *result = nullptr;
+        const int status = getpwuid_r(uid, &entry, buffer, size, &result);
+        if (status == 0 && result)
+            name = result->pw_name;
+        return status;
+    });
+    return name;
+}
+
 } // namespace
 
 uint32_t getGroupId(const char *name)
@@ -49,22 +66,17 @@ uint32_t getGroupId(const char *name)
     return id;
 }
 
+std::string loginName(uid_t uid)
+{
+    int rc = 0;
+    return lookUpLoginName(uid, &rc).value_or(std::string());
+}
+
 std::string getUserName(uid_t uid)
 {
-    std::string name;
-    bool found = false;
-    const int rc = withGrowingBuffer(_SC_GETPW_R_SIZE_MAX, [&](char *buffer, size_t size) {
-        passwd entry;
-        passwd *result = nullptr;
-        const int status = getpwuid_r(uid, &entry, buffer, size, &result);
-        if (status == 0 && result) {
-            name = result->pw_name;
-            found = true;
-        }
-        return status;
-    });
-    if (found)
-        return name;
+    int rc = 0;
+    if (const std::optional<std::string> name = lookUpLoginName(uid, &rc))
+        return *name;
     // The re-entrant call returns its error instead of setting errno.
     if (rc != 0)
         errno = rc;

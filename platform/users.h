@@ -17,8 +17,13 @@ const uint32_t kUnknownGroupId = 0xFFFFFFFFu;
 uint32_t getGroupId(const char *name);
 
 /**
- * The login name of uid, or an empty string when unknown; a failure is
- * reported on standard error (not in the log). Same buffer scheme as getGroupId.
+ * The login name of uid, or an empty string when unknown. Same buffer scheme
+ * as getGroupId. Writes nothing.
+ */
+std::string loginName(uid_t uid);
+
+/**
+ * loginName, with a failure reported on standard error (not in the log).
  */
 std::string getUserName(uid_t uid);
 

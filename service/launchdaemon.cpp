@@ -123,7 +123,8 @@ int verifyServerPlist()
 void createServerControlLockFile(const char *folder)
 {
     sPidLockPath = std::string(folder) + "/" + "QuorvanServer" + "/Control.pid";
-    const std::string login = getUserName(getuid());
+    // Without a name for the real user the file holds the pid alone, and nothing is said.
+    const std::string login = loginName(getuid());
     FILE *lock = fopen(sPidLockPath.c_str(), "w");
     if (!lock) {
         logFailure("createPidLockFile:Unable to create/write control pid lock file, %s\n%s", sPidLockPath.c_str(),

@@ -123,6 +123,11 @@ private slots:
         char machine[512];
         GetMacMachineSpecs(machine);
         QCOMPARE(std::string(machine), get_model_name(model, brand) + processorSummary(cores));
+        QWindow window;   // the toolkit holds the keypad's bit beside Shift, of which only Shift passes
+        QTest::keyPress(&window, Qt::Key_5, Qt::KeypadModifier | Qt::ShiftModifier);
+        const QPair<int, int> held(QGuiApplication::queryKeyboardModifiers(), MacGetModifierKeys());
+        QTest::keyRelease(&window, Qt::Key_5);   // nothing held afterwards
+        QCOMPARE(held, qMakePair(int(Qt::KeypadModifier | Qt::ShiftModifier), int(Qt::ShiftModifier)));
     }
 
     void withoutApplication()
