@@ -51,7 +51,9 @@ std::string removableSourceFolder()
 #ifdef __APPLE__
     return "/Volumes/USB DISK/VELDV400";
 #else
-    return "/media/" + getUserName(::getuid()) + "/USB DISK/VELDV400";
+    // A user without a login name has no removable disk of their own; no complaint at start-up.
+    const std::string login = loginName(::getuid());
+    return login.empty() ? std::string() : "/media/" + login + "/USB DISK/VELDV400";
 #endif
 }
 

@@ -15,7 +15,7 @@ QString sizeFigure(quint64 bytes);
 
 /**
  * The removable-disk source candidate: "/Volumes/USB DISK/VELDV400" on macOS,
- * "/media/<login name>/USB DISK/VELDV400" on Linux.
+ * "/media/<login name>/USB DISK/VELDV400" on Linux, or "" for a user without one.
  */
 std::string removableSourceFolder();
 
