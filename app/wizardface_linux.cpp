@@ -15,8 +15,8 @@
 namespace {
 
 const int kStripWidth = 190;
-// Room for the longest page (the agreement) and the destination's whole
-// subtitle, so that the window keeps one size from the first page to the last.
+// The opening size, which every page keeps: room to read the agreement, and
+// the destination's whole subtitle with a long folder name on one line.
 const QSize kWindowSize(760, 500);
 
 // The artwork at the strip's top; below it, the colour of its bottom edge, to
