@@ -25,10 +25,10 @@ class ArtworkStrip : public QWidget
 {
 public:
     explicit ArtworkStrip(const QPixmap &artwork)
-        : m_artwork(artwork.isNull() ? artwork : artwork.scaledToWidth(kStripWidth, Qt::SmoothTransformation))
+        : m_artwork(artwork)
     {
         setFixedWidth(kStripWidth);
-        const QImage image = m_artwork.toImage();
+        const QImage image = artwork.toImage();
         if (!image.isNull())
             m_fill = image.pixelColor(0, image.height() - 1);
     }
@@ -38,7 +38,11 @@ protected:
     {
         QPainter painter(this);
         painter.fillRect(rect(), m_fill);
-        painter.drawPixmap(0, 0, m_artwork);
+        // Scaled as it is drawn: the toolkit's smooth scaling of a whole image would start threads of its own.
+        if (!m_artwork.isNull()) {
+            painter.setRenderHint(QPainter::SmoothPixmapTransform);
+            painter.drawPixmap(QRect(0, 0, kStripWidth, m_artwork.height() * kStripWidth / m_artwork.width()), m_artwork);
+        }
     }
 
 private:
