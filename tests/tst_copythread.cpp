@@ -14,7 +14,7 @@ private slots:
     void transfer_data()
     {
         QTest::addColumn<QString>("how");           // "copy" or "move", "into dest/" (the page's other spelling), and
-                                                    // "cancelled first", "cancelled in the pipe" or "destroyed in the pipe"
+                                                    // "cancelled first", "cancelled", "destroyed" or "killed in the pipe", "no program"
         QTest::addColumn<QStringList>("listed");    // below the source; "-" before a name: listed but missing; "|": a pipe
         QTest::addColumn<int>("done");              // files reported done, each after a result 0
         QTest::addColumn<QString>("failure");       // the message of the closing -100 result, "" for none
@@ -38,6 +38,8 @@ private slots:
         // The copy program reads a pipe that this test holds open, so it never reaches the end of that file.
         QTest::newRow("cancelled in the middle of a file") << "copy, cancelled in the pipe" << piped << 1 << "" << x << xz;
         QTest::newRow("destroyed in the middle of a file") << "copy, destroyed in the pipe" << piped << 1 << "" << x << xz;
+        QTest::newRow("the copy program killed by a signal") << "copy, killed in the pipe" << piped << 1 << "/bin/cp: crashed." << x << xz;
+        QTest::newRow("a copy program that cannot be started") << "copy, no program" << three << 0 << "/bin/cp: failed to start." << QStringList() << three;
     }
 
     void transfer()
@@ -49,6 +51,8 @@ private slots:
         QFETCH(QStringList, arrived);
         QFETCH(QStringList, leftAtSource);
         QTemporaryDir scratch;
+        if (how.contains("no program") && !inChild())   // the copy program's file made one that cannot run
+            return runRowInChild({QString(), {inPrivateMounts("mount --bind \"$1\" \"$(readlink -f /bin/cp)\"", {QFINDTESTDATA("tst_copythread.cpp")})}});
         const QString source = scratch.filePath("src"), destination = scratch.filePath(how.contains("dest/") ? "dest/" : "dest");
         QVERIFY(QDir().mkpath(scratch.filePath("dest")));
         QString pipe;
@@ -88,7 +92,7 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(scratch.filePath("dest/p.qventry")).size() == data.size(), 60000);
             QCOMPARE(fileBytes(QStringLiteral("/proc/%1/cmdline").arg(processesMentioning(pipe).value(0))).split('\0'),
                      (QList<QByteArray>{"/bin/cp", "-pf", QFile::encodeName(pipe), QFile::encodeName(destination) + '/', ""}));
-            how.contains("destroyed") ? worker.reset() : worker->cancel();
+            how.contains("destroyed") ? worker.reset() : how.contains("killed") ? void(::kill(processesMentioning(pipe).value(0), SIGKILL)) : worker->cancel();
         }
         // The end, as the page receives it: queued, after the reports.
         QTimer::singleShot(60000, &loop, [&loop] { loop.exit(1); });

@@ -1,6 +1,7 @@
 #include "copythread.h"
 
 #include "pages/pagestate.h"
+#include "platform/childprocess.h"
 
 #include <QFile>
 
@@ -71,14 +72,11 @@ void CopyThread::run()
     unpriviledgedCopy();
 }
 
-bool CopyThread::waitForChild(QProcess &process)
+bool CopyThread::waitForChild(ChildProcess &child)
 {
-    while (!process.waitForFinished(kCancelPollMs)) {
-        if (process.state() == QProcess::NotRunning)
-            return false;
+    while (!child.waitForFinished(kCancelPollMs)) {
         if (m_cancelled) {
-            process.kill();
-            process.waitForFinished(-1);
+            child.kill();
             return false;
         }
     }
@@ -88,34 +86,41 @@ bool CopyThread::waitForChild(QProcess &process)
 void CopyThread::unpriviledgedCopy()
 {
     const QString target = path + QLatin1Char('/');
-    QProcess process;
     const QString program = moveFiles ? QStringLiteral("/bin/mv") : QStringLiteral("/bin/cp");
+    const std::string programPath = QFile::encodeName(program).toStdString();
     emit copyResult(kFailure, QString::fromLatin1(kNoFiles));
     // Process-wide, and meant to stay so after the transfer.
     umask(022);
 
+    ChildProcess child;
     int count = 0;
     for (const QFileInfo &file : files) {
         if (m_cancelled)
             return;
         const QString source = file.absoluteFilePath();
-        process.start(program, transferArguments(moveFiles, source, target), QIODevice::ReadWrite);
-        if (!waitForChild(process)) {
-            if (m_cancelled) {
-                // Never leave a cut data file behind; a move that went through keeps its file.
-                if (!moveFiles || QFile::exists(source))
-                    QFile::remove(target + file.fileName());
-                return;
-            }
-            const QString message = program + QLatin1Char(':') + processErrorText(process.error());
-            if (process.state() != QProcess::NotRunning) {
-                process.kill();
-                process.waitForFinished(-1);
-            }
-            emit copyResult(kFailure, message);
+        std::vector<std::string> arguments;
+        for (const QString &argument : transferArguments(moveFiles, source, target))
+            arguments.push_back(QFile::encodeName(argument).toStdString());
+        // Never leave a cut data file behind; a move that went through keeps its file.
+        const auto removeCut = [&] {
+            if (!moveFiles || QFile::exists(source))
+                QFile::remove(target + file.fileName());
+        };
+        QProcess::ProcessError failure = QProcess::UnknownError;
+        if (!child.start(programPath, arguments)) {
+            failure = QProcess::FailedToStart;
+        } else if (!waitForChild(child)) {
+            removeCut();
+            return;
+        } else if (child.crashed()) {
+            removeCut();
+            failure = QProcess::Crashed;
+        }
+        if (failure != QProcess::UnknownError) {
+            emit copyResult(kFailure, program + QLatin1Char(':') + processErrorText(failure));
             return;
         }
-        const QByteArray complaint = process.readAllStandardError();
+        const QByteArray &complaint = child.standardError();
         // An empty standard error is success, whatever the exit code.
         if (complaint.isEmpty()) {
             emit copyResult(0, QString());

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <mutex>
 
+class ChildProcess;
+
 /**
  * Transfers the database's data files into one folder on a thread of its own,
  * with the user's own rights: one "/bin/cp -pf SRC TARGET" or "/bin/mv SRC
@@ -20,6 +22,10 @@
  * Reports through copyResult (the outcome as it stands: first -100 with "The
  * source database data files couldn't be found.", then 0 after each file, or
  * -100 with the reason at a failure) and copiedFile (files done so far).
+ *
+ * A child that cannot be started or is ended by a signal fails the transfer
+ * with the program's path and its words in processErrorText; a child ended
+ * by a signal, like a cancelled one, leaves no cut file.
  *
  * The file list and the choice between moving and copying are taken when the
  * object is made, on the user-interface thread.
@@ -58,7 +64,7 @@ protected:
 private:
     void unpriviledgedCopy();
     // Waits for the child without a time limit, unless the transfer is cancelled meanwhile.
-    bool waitForChild(QProcess &process);
+    bool waitForChild(ChildProcess &child);
 
     const QString path;
     const QList<QFileInfo> files;
