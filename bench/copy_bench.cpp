@@ -2,11 +2,12 @@
 // prints one key=value line per figure:
 //   veld-bench-copy large|small SOURCE SCRATCH [ROUNDS]
 // After one untimed copy, the files (as SizeThread::dirSize lists them) are copied
-// ROUNDS times by CopyThread and ROUNDS times by the reference, in the order
-// W R R W W R ..., so that neither side always runs first. Each run writes into
-// a fresh empty folder below SCRATCH, checked and removed outside the timing; the
-// medians are compared. "large" takes one "/bin/cp -p FILES... DIR/" as the
-// reference, "small" a shell loop with one "/bin/cp -pf FILE DIR/" per file.
+// ROUNDS times by CopyThread and ROUNDS times by each reference, every other
+// round in the opposite order, so that no side always runs first. Each run writes
+// into a fresh empty folder below SCRATCH, checked and removed outside the
+// timing; the medians are compared. The reference is a shell loop with one
+// "/bin/cp -pf FILE DIR/" per file, which is what the product's rule allows;
+// "large" also takes one "/bin/cp -p FILES... DIR/", for information.
 // Both sides run while this (the user-interface) thread turns its event loop,
 // where a 1-ms timer records the longest stretch without a turn: the figure for
 // the reference tells how much of the worker's is the machine's own. Beside the
@@ -171,21 +172,28 @@ int main(int argc, char **argv)
     if (QFileInfo::exists(dest))
         fail(dest + QStringLiteral(" exists already"), 2);
 
-    std::vector<Run> worker, reference;
+    // The sides of a round, in turn: the worker, the shell loop that the
+    // product's rule (one cp per file) allows, and for the large set one cp of
+    // all the files, for information. Every other round runs them backwards.
+    enum Side { Worker, Loop, OneCp };
+    std::vector<Side> sides{Worker, Loop};
+    if (!perFile)
+        sides.push_back(OneCp);
+    std::vector<std::vector<Run>> runs(sides.size());
     // Round -1 is one untimed cp of all files: the first run after the files were
     // made took up to three times as long as the later ones.
-    for (int round = -1; round < 2 * rounds; ++round) {
-        if (!QDir().mkdir(dest))
-            fail(QStringLiteral("cannot make ") + dest, 1);
-        if (round < 0)
-            runReference(false, files, dest);
-        else if (round % 4 == 0 || round % 4 == 3)
-            worker.push_back(runWorker(files, dest));
-        else
-            reference.push_back(runReference(perFile, files, dest));
-        check(dest, files);
-        if (!QDir(dest).removeRecursively())
-            fail(QStringLiteral("cannot remove ") + dest, 1);
+    for (int round = -1; round < rounds; ++round) {
+        for (std::size_t turn = 0; turn < (round < 0 ? 1 : sides.size()); ++turn) {
+            const Side side = round < 0 ? OneCp : sides[round % 2 ? sides.size() - 1 - turn : turn];
+            if (!QDir().mkdir(dest))
+                fail(QStringLiteral("cannot make ") + dest, 1);
+            const Run run = side == Worker ? runWorker(files, dest) : runReference(side == Loop, files, dest);
+            if (round >= 0)
+                runs[side].push_back(run);
+            check(dest, files);
+            if (!QDir(dest).removeRecursively())
+                fail(QStringLiteral("cannot remove ") + dest, 1);
+        }
     }
 
     const auto column = [](const std::vector<Run> &runs, qint64 Run::*field) {
@@ -200,23 +208,33 @@ int main(int argc, char **argv)
             parts << QString::number(double(ns) / 1e9, 'f', 3);
         return parts.join(QLatin1Char('/'));
     };
-    const QByteArray keyBytes = name.toLatin1();
-    const char *const key = keyBytes.constData(), *const refName = perFile ? "cp loop" : "cp";
-    const double workerS = median(column(worker, &Run::ns)), referenceS = median(column(reference, &Run::ns));
-    const bool gib = bytes >= (quint64(1) << 30);
-    std::printf("copy_%s_ratio=%.2f (worker %.3f s, %s %.3f s, %d files, %.2f %s)\n", key, workerS / referenceS,
-                workerS, refName, referenceS, int(files.size()), double(bytes) / (gib ? 1 << 30 : 1 << 20),
-                gib ? "GiB" : "MiB");
-    std::printf("copy_%s_rounds=worker %s s; %s %s s\n", key, qPrintable(seconds(worker)), refName,
-                qPrintable(seconds(reference)));
-    const double workerCpu = median(column(worker, &Run::cpuNs)), referenceCpu = median(column(reference, &Run::cpuNs));
-    std::printf("copy_%s_cpu_ratio=%.2f (worker %.3f s, %s %.3f s)\n", key, workerCpu / referenceCpu, workerCpu,
-                refName, referenceCpu);
     const auto worstGapMs = [&](const std::vector<Run> &runs) {
         const std::vector<qint64> gaps = column(runs, &Run::worstGapNs);
         return double(*std::max_element(gaps.begin(), gaps.end())) / 1e6;
     };
-    std::printf("copy_%s_loop_gap_max_ms=%.3f (while %s ran: %.3f)\n", key, worstGapMs(worker), refName,
-                worstGapMs(reference));
+    const bool gib = bytes >= (quint64(1) << 30);
+    // copy_small_ratio and copy_large_loop_ratio against the loop, copy_large_ratio against one cp.
+    for (const Side reference : {Loop, OneCp}) {
+        if (reference == OneCp && perFile)
+            break;
+        const QByteArray key = (name + (perFile || reference == OneCp ? QString() : QStringLiteral("_loop"))).toLatin1();
+        const char *const refName = reference == Loop ? "cp loop" : "cp";
+        const std::vector<Run> &ref = runs[reference], &work = runs[Worker];
+        const double workerS = median(column(work, &Run::ns)), referenceS = median(column(ref, &Run::ns));
+        std::printf("copy_%s_ratio=%.2f (worker %.3f s, %s %.3f s, %d files, %.2f %s)\n", key.constData(),
+                    workerS / referenceS, workerS, refName, referenceS, int(files.size()),
+                    double(bytes) / (gib ? 1 << 30 : 1 << 20), gib ? "GiB" : "MiB");
+        std::printf("copy_%s_rounds=worker %s s; %s %s s\n", key.constData(), qPrintable(seconds(work)), refName,
+                    qPrintable(seconds(ref)));
+        const double workerCpu = median(column(work, &Run::cpuNs)), referenceCpu = median(column(ref, &Run::cpuNs));
+        std::printf("copy_%s_cpu_ratio=%.2f (worker %.3f s, %s %.3f s)\n", key.constData(), workerCpu / referenceCpu,
+                    workerCpu, refName, referenceCpu);
+    }
+    std::printf("copy_%s_loop_gap_max_ms=%.3f (while the cp loop ran: %.3f)\n", qPrintable(name), worstGapMs(runs[Worker]),
+                worstGapMs(runs[Loop]));
+    struct rusage self {};
+    ::getrusage(RUSAGE_SELF, &self);   // kilobytes on Linux
+    std::printf("copy_%s_peak_rss_mb=%.1f (this process, the worker's runs included)\n", qPrintable(name),
+                double(self.ru_maxrss) / 1024);
     return 0;
 }
