@@ -106,19 +106,16 @@ void CopyThread::unpriviledgedCopy()
             if (!moveFiles || QFile::exists(source))
                 QFile::remove(target + file.fileName());
         };
-        QProcess::ProcessError failure = QProcess::UnknownError;
-        if (!child.start(programPath, arguments)) {
-            failure = QProcess::FailedToStart;
-        } else if (!waitForChild(child)) {
+        const auto failAs = [&](QProcess::ProcessError error) {
+            emit copyResult(kFailure, program + QLatin1Char(':') + processErrorText(error));
+        };
+        if (!child.start(programPath, arguments))
+            return failAs(QProcess::FailedToStart);
+        if (!waitForChild(child))
+            return removeCut();
+        if (child.crashed()) {
             removeCut();
-            return;
-        } else if (child.crashed()) {
-            removeCut();
-            failure = QProcess::Crashed;
-        }
-        if (failure != QProcess::UnknownError) {
-            emit copyResult(kFailure, program + QLatin1Char(':') + processErrorText(failure));
-            return;
+            return failAs(QProcess::Crashed);
         }
         const QByteArray &complaint = child.standardError();
         // An empty standard error is success, whatever the exit code.

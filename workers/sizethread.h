@@ -60,7 +60,7 @@ public:
     static bool waitForScans();
 
     /** The files this scan added to sResultList; empty until its result is delivered. Owner's thread only. */
-    const QList<QFileInfo> &foundFiles() const { return m_published ? m_found : m_none; }
+    QList<QFileInfo> foundFiles() const { return m_published ? m_found : QList<QFileInfo>(); }
 
     /** True while a started scan has not ended or not yet delivered its result. */
     static bool scansPending();
@@ -93,7 +93,6 @@ private:
     // marks the end of the thread's use of this object for the destructor.
     std::mutex m_foundMutex;
     QList<QFileInfo> m_found;        // once published, owner's thread only
-    const QList<QFileInfo> m_none;
     bool m_resultReady = false;      // guarded by m_foundMutex
     bool m_published = false;        // owner's thread only
 };
