@@ -5,7 +5,8 @@
 // the requests that the allow-list admits (authpolicy.h), itself and without
 // following symbolic links (privops.h): no program, no shell, nothing from a
 // folder that a user can write runs as root. It ends when its input ends, and
-// dies with its parent: no root process outlives the installer.
+// dies with its parent: no root process outlives the installer. Its
+// environment is its caller's choice, so it is cleared before anything reads it.
 
 #include "platform/authpolicy.h"
 #include "platform/authprotocol.h"
@@ -63,6 +64,31 @@ bool closeInherited()
     return true;
 }
 
+// The launchers' word on who called, kept from the environment before it goes.
+char sPkexecUid[16], sSudoUid[16];
+
+void keep(const char *entry, const char *name, char (&into)[16])
+{
+    const size_t length = strlen(name);
+    if (strncmp(entry, name, length) == 0 && entry[length] == '=' && strlen(entry + length + 1) < sizeof into)
+        strcpy(into, entry + length + 1);
+}
+
+// Runs before the initialisation of every library, the toolkit's core and the
+// C library among them, which takes this same array as its environment: none
+// of them ever sees a variable of the caller's, nor can anything find one
+// later where it lay.
+void clearEnvironment(int, char **, char **envp)
+{
+    for (char **entry = envp; entry && *entry; ++entry) {
+        keep(*entry, "PKEXEC_UID", sPkexecUid);
+        keep(*entry, "SUDO_UID", sSudoUid);
+        memset(*entry, 0, strlen(*entry));
+    }
+    if (envp)
+        envp[0] = nullptr;
+}
+
 bool reportDone(int status)
 {
     return authproto::writeFrame(kOutput, authproto::kDone, authproto::encodeStatus(status));
@@ -76,8 +102,12 @@ bool refuse(const std::string &reason, const std::string &tool)
 
 } // namespace
 
+__attribute__((section(".preinit_array"), used)) static void (*const sClearEnvironment)(int, char **, char **) = clearEnvironment;
+
 int main()
 {
+    // What the tools need: the helper runs none, but nothing it calls may look for one elsewhere.
+    setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
     const pid_t parent = ::getppid();
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent || !closeInherited())
@@ -87,7 +117,8 @@ int main()
     if (::chdir("/") != 0)
         return 1;
     HelperRun run;
-    run.caller = callerFromLauncher(getenv("PKEXEC_UID"), getenv("SUDO_UID"), ::getuid());
+    run.caller = callerFromLauncher(*sPkexecUid ? sPkexecUid : nullptr, *sSudoUid ? sSudoUid : nullptr, ::getuid());
+    run.callerName = loginName(run.caller);
     run.adminGroup = gid_t(getGroupId(adminGroupName()));
     run.helperFolder = ownFolder();
 

@@ -27,8 +27,6 @@
 namespace {
 
 const char kNotWritten[] = " was not able to write the database to the selected location.";
-const char kPrefDomain[] = "com.halvorn.QuorvanVELD";
-const char kPrefKey[] = "VELDFullDatabasePath";
 const int kFailure = -100;
 const mode_t kFolderMode = 0755;
 
@@ -178,7 +176,7 @@ void ConclusionPage::handleResult()
             setTitle(tr("Database was installed, but is not available"));
             setSubTitle(QStringLiteral("System-wide preferences could not be set"));
         } else {
-            MacWriteGlobalDefaultSetting(QString::fromLatin1(kPrefDomain), kPrefKey, destPath.toUtf8().constData(),
+            MacWriteGlobalDefaultSetting(QString::fromLatin1(kDatabasePrefDomain), kDatabasePrefKey, destPath.toUtf8().constData(),
                                          gMacAuthorizationRef);
             if (needsPermissionFix)
                 fixupPrivileges();

@@ -22,7 +22,6 @@
 
 namespace {
 
-const char kFolderName[] = "VELDV400";
 
 // Free space is counted in decimal bytes per mebibyte reported: about 4.6 %
 // less than there is, a margin for the file system's own needs.
@@ -129,7 +128,7 @@ void PickDestPage::chooseDestination()
     // Always a "/" more, so the root gives "//VELDV400". A name that is taken,
     // by a folder or anything else (a symbolic link that leads nowhere too), is never proposed.
     const QString base = answer + QLatin1Char('/');
-    const QString name = QString::fromLatin1(kFolderName);
+    const QString name = QString::fromLatin1(kDatabaseFolderName);
     QString candidate = base + name;
     struct stat taken;
     for (qint64 n = 0; ::lstat(candidate.toUtf8().constData(), &taken) == 0; ++n)

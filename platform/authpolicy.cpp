@@ -2,11 +2,24 @@
 
 #include "locations.h"
 
+#include <QXmlStreamReader>
+
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <map>
 
 namespace {
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+bool isAlnum(char c)
+{
+    return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 bool isPlainPath(const std::string &path)
 {
@@ -32,9 +45,20 @@ bool isMakers(const std::string &path)
     return isBelowOrAt(path, kMakersFolder);
 }
 
-bool isLaunchDefinition(const std::string &path)
+std::string lastName(const std::string &path)
 {
-    return path == kLaunchDaemonDefinition || path == kLaunchAgentDefinition;
+    return path.substr(path.rfind('/') + 1);
+}
+
+// "VELDV400", or "VELDV400_" and digits: the names the destination chooser gives the database's folder.
+bool isDatabaseFolderName(const std::string &name)
+{
+    const std::string stem = kDatabaseFolderName;
+    if (name == stem)
+        return true;
+    const size_t digits = name.size() - stem.size() - 1;
+    return name.size() > stem.size() + 1 && digits <= 19 && name.compare(0, stem.size() + 1, stem + '_') == 0
+           && std::all_of(name.end() - long(digits), name.end(), isDigit);
 }
 
 bool parseMode(const std::string &text, mode_t *mode)
@@ -48,15 +72,10 @@ bool parseMode(const std::string &text, mode_t *mode)
 
 bool parseId(const std::string &text, unsigned long *id)
 {
-    if (text.empty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+    if (text.empty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), isDigit))
         return false;
     *id = std::strtoul(text.c_str(), nullptr, 10);
     return *id < 0xFFFFFFFFul;
-}
-
-bool isAlnum(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
 // The temporary file that createLaunchDaemonAgent writes before it asks for the copy.
@@ -67,11 +86,10 @@ bool isOwnTemporary(const std::string &path)
            && std::all_of(path.begin() + long(stem.size()), path.end(), isAlnum);
 }
 
-bool isProductDomain(const std::string &name)
+// The one preference the installation records, as veld-defaults' TARGET and KEY.
+bool isOwnPreference(const std::string &target, const std::string &key)
 {
-    const std::string prefix = "com.halvorn.";
-    return name.size() > prefix.size() && name.compare(0, prefix.size(), prefix) == 0
-           && std::all_of(name.begin(), name.end(), [](char c) { return isAlnum(c) || c == '.' || c == '_' || c == '-'; });
+    return target == std::string(kSystemPreferencesFolder) + '/' + kDatabasePrefDomain && key == kDatabasePrefKey;
 }
 
 const char kShape[] = "not a form of arguments the installer uses";
@@ -87,67 +105,226 @@ std::string admitPath(const std::string &path, bool inPlace, Operation *op)
     return std::string();
 }
 
-} // namespace
-
-std::string admit(const std::string &tool, const std::vector<std::string> &a, HelperRun &run, Operation *op)
+std::string admitMakeFolder(const std::vector<std::string> &a, HelperRun &run, Operation *op)
 {
-    const size_t n = a.size();
+    op->verb = Verb::MakeFolder;
+    if (a.size() != 3 || a[0] != "-m" || !parseMode(a[1], &op->mode))
+        return kShape;
+    const bool fixes = run.destination.empty() && !isMakers(a[2]) && isDatabaseFolderName(lastName(a[2]));
+    const std::string refusal = admitPath(a[2], fixes || isMakers(a[2]) || a[2] == run.destination, op);
+    if (refusal.empty() && fixes)
+        run.destination = a[2];
+    return refusal;
+}
+
+std::string admitOwnership(const std::string &tool, const std::vector<std::string> &a, const HelperRun &run, Operation *op)
+{
     unsigned long owner = 0, group = 0;
-    if (tool == "/bin/mkdir") {
-        op->verb = Verb::MakeFolder;
-        if (n != 3 || a[0] != "-m" || !parseMode(a[1], &op->mode))
-            return kShape;
-        const bool fixes = run.destination.empty() && isPlainPath(a[2]) && !isMakers(a[2]) && !isLaunchDefinition(a[2]);
-        const std::string refusal = admitPath(a[2], fixes || isMakers(a[2]) || a[2] == run.destination, op);
-        if (refusal.empty() && fixes)
-            run.destination = a[2];
-        return refusal;
-    }
-    if (tool == "/bin/chmod") {
-        op->verb = Verb::SetMode;
-        if (n != 2 || !parseMode(a[0], &op->mode))
-            return kShape;
-        return admitPath(a[1], isMakers(a[1]) || a[1] == run.destination || isLaunchDefinition(a[1]), op);
-    }
     if (tool == "/usr/bin/chgrp") {
         op->verb = Verb::SetGroup;
-        if (n != 2 || !parseId(a[0], &group))
+        if (a.size() != 2 || !parseId(a[0], &group))
             return kShape;
         if (group != run.adminGroup)
             return "not the administrators' group";
-        op->group = gid_t(group);
-        return admitPath(a[1], isMakers(a[1]), op);
-    }
-    if (tool == "/bin/chown") {
+    } else {
         op->verb = Verb::SetOwner;
-        const size_t colon = n == 2 ? a[0].find(':') : std::string::npos;
+        const size_t colon = a.size() == 2 ? a[0].find(':') : std::string::npos;
         if (colon == std::string::npos || !parseId(a[0].substr(0, colon), &owner) || !parseId(a[0].substr(colon + 1), &group))
             return kShape;
         if (owner != run.caller || group != run.adminGroup)
             return "not the calling user and the administrators' group";
         op->owner = uid_t(owner);
-        op->group = gid_t(group);
-        return admitPath(a[1], isMakers(a[1]), op);
     }
+    op->group = gid_t(group);
+    return admitPath(a[1], isMakers(a[1]), op);
+}
+
+std::string admitPreference(const std::vector<std::string> &a, Operation *op)
+{
+    const bool write = a.size() == 4 && a[0] == "write", remove = a.size() == 3 && a[0] == "delete";
+    op->verb = write ? Verb::WritePreference : Verb::DeletePreference;
+    if ((!write && !remove) || a[2].empty())
+        return kShape;
+    op->key = a[2];
+    op->value = write ? a[3] : std::string();
+    return admitPath(a[1], isOwnPreference(a[1], a[2]), op);
+}
+
+} // namespace
+
+std::string admit(const std::string &tool, const std::vector<std::string> &a, HelperRun &run, Operation *op)
+{
+    if (tool == "/bin/mkdir")
+        return admitMakeFolder(a, run, op);
+    if (tool == "/bin/chmod") {
+        op->verb = Verb::SetMode;
+        if (a.size() != 2 || !parseMode(a[0], &op->mode))
+            return kShape;
+        const bool definition = a[1] == kLaunchDaemonDefinition && op->mode == 0644;
+        return admitPath(a[1], isMakers(a[1]) || a[1] == run.destination || definition, op);
+    }
+    if (tool == "/usr/bin/chgrp" || tool == kChownTool)
+        return admitOwnership(tool, a, run, op);
     if (tool == "/bin/cp") {
         op->verb = Verb::Copy;
-        if (n != 2)
+        if (a.size() != 2)
             return kShape;
         if (!isOwnTemporary(a[0]))
             return "not the installer's temporary file";
         op->source = a[0];
-        return admitPath(a[1], isLaunchDefinition(a[1]), op);
+        return admitPath(a[1], a[1] == kLaunchDaemonDefinition, op);
     }
-    if (!run.helperFolder.empty() && tool == run.helperFolder + "/veld-defaults") {
-        const bool write = n == 4 && a[0] == "write", remove = n == 3 && a[0] == "delete";
-        op->verb = write ? Verb::WritePreference : Verb::DeletePreference;
-        if ((!write && !remove) || a[2].empty())
-            return kShape;
-        op->key = a[2];
-        op->value = write ? a[3] : std::string();
-        return admitPath(a[1], isProductDomain(a[1].substr(a[1].rfind('/') + 1)), op);
-    }
+    if (!run.helperFolder.empty() && tool == run.helperFolder + "/veld-defaults")
+        return admitPreference(a, op);
     return "not a tool the installer runs";
+}
+
+std::string admitFound(const Operation &op, const Found &found, const HelperRun &run)
+{
+    const struct stat &st = found.object;
+    switch (op.verb) {
+    case Verb::Copy:
+        if (!S_ISREG(st.st_mode) || st.st_uid != run.caller || st.st_nlink != 1)
+            return "not the calling user's own temporary file";
+        return definitionRefusal(found.content, run.callerName);
+    case Verb::SetMode:
+        if (op.path == run.destination && !run.destinationMade)
+            return "a destination that this helper did not make";
+        if (op.path == kLaunchDaemonDefinition)
+            return S_ISREG(st.st_mode) && st.st_nlink == 1 && run.definitionInode != 0 && st.st_ino == run.definitionInode
+                           && st.st_dev == run.definitionDevice
+                       ? std::string()
+                       : "not the launch definition that this helper wrote";
+        [[fallthrough]];   // in the maker's folder and at the destination only folders change
+    case Verb::SetGroup:
+    case Verb::SetOwner:
+        return S_ISDIR(st.st_mode) ? std::string() : "not a folder (a file, a link or another kind)";
+    default:
+        return std::string();
+    }
+}
+
+namespace {
+
+// The keys of the definition and whether each holds a string, an array of strings or a flag.
+enum class Kind { String, Strings, Flag };
+
+const std::map<QString, Kind> &definitionKeys()
+{
+    static const std::map<QString, Kind> keys{{"Label", Kind::String},     {"ProgramArguments", Kind::Strings},
+                                              {"UserName", Kind::String},  {"RunAtLoad", Kind::Flag},
+                                              {"KeepAlive", Kind::Flag}};
+    return keys;
+}
+
+// The next element's start or end, past blanks; false at anything else (text, a comment, an instruction).
+bool nextTag(QXmlStreamReader &xml)
+{
+    for (;;) {
+        xml.readNext();
+        if (xml.isCharacters() && xml.isWhitespace())
+            continue;
+        return xml.isStartElement() || xml.isEndElement();
+    }
+}
+
+bool isStart(QXmlStreamReader &xml, const char *name)
+{
+    return nextTag(xml) && xml.isStartElement() && xml.name() == QLatin1String(name);
+}
+
+// A <string> element's text, read whole; false when it holds anything but text.
+bool readString(QXmlStreamReader &xml, QString *text)
+{
+    if (!xml.isStartElement() || xml.name() != QLatin1String("string") || !xml.attributes().isEmpty())
+        return false;
+    *text = xml.readElementText(QXmlStreamReader::ErrorOnUnexpectedElement);
+    return !xml.hasError();
+}
+
+// One value of kind, read whole into values (a flag as "true" or "false").
+bool readValue(QXmlStreamReader &xml, Kind kind, QStringList *values)
+{
+    if (!nextTag(xml) || !xml.isStartElement() || !xml.attributes().isEmpty())
+        return false;
+    QString text;
+    switch (kind) {
+    case Kind::String:
+        return readString(xml, &text) && (values->append(text), true);
+    case Kind::Flag:
+        values->append(xml.name().toString());
+        return (xml.name() == QLatin1String("true") || xml.name() == QLatin1String("false")) && nextTag(xml) && xml.isEndElement();
+    case Kind::Strings:
+        if (xml.name() != QLatin1String("array"))
+            return false;
+        while (nextTag(xml) && xml.isStartElement()) {
+            if (!readString(xml, &text))
+                return false;
+            values->append(text);
+        }
+        return xml.isEndElement() && xml.name() == QLatin1String("array");
+    }
+    return false;
+}
+
+// The keys of the property list's one dictionary and their values; false when it is anything else.
+bool readDefinition(QXmlStreamReader &xml, std::map<QString, QStringList> *entries)
+{
+    xml.readNext();
+    if (!xml.isStartDocument())
+        return false;
+    while (!xml.atEnd()) {
+        xml.readNext();
+        if (xml.isDTD()) {
+            // No declarations of its own: nothing in the file is expanded into something else.
+            if (!xml.entityDeclarations().isEmpty() || !xml.notationDeclarations().isEmpty() || xml.dtdName() != QLatin1String("plist"))
+                return false;
+        } else if (xml.isStartElement()) {
+            break;
+        } else if (!(xml.isCharacters() && xml.isWhitespace())) {
+            return false;
+        }
+    }
+    const QXmlStreamAttributes version = xml.attributes();
+    if (xml.name() != QLatin1String("plist") || version.size() != 1 || version.value("version") != QLatin1String("1.0")
+        || !isStart(xml, "dict"))
+        return false;
+    QString key;
+    while (nextTag(xml) && xml.isStartElement() && xml.name() == QLatin1String("key") && xml.attributes().isEmpty()) {
+        key = xml.readElementText(QXmlStreamReader::ErrorOnUnexpectedElement);
+        const auto kind = definitionKeys().find(key);
+        if (xml.hasError() || kind == definitionKeys().end() || entries->count(key) || !readValue(xml, kind->second, &(*entries)[key]))
+            return false;
+    }
+    if (!xml.isEndElement() || xml.name() != QLatin1String("dict") || !nextTag(xml) || !xml.isEndElement())
+        return false;
+    // Nothing but blanks after the end.
+    while (!xml.atEnd()) {
+        xml.readNext();
+        if (!xml.isEndDocument() && !(xml.isCharacters() && xml.isWhitespace()))
+            return false;
+    }
+    return !xml.hasError();
+}
+
+} // namespace
+
+std::string definitionRefusal(const std::string &bytes, const std::string &login)
+{
+    QXmlStreamReader xml(QByteArray::fromStdString(bytes));
+    std::map<QString, QStringList> entries;
+    if (!readDefinition(xml, &entries))
+        return "not a property list in the launch definition's form";
+    if (entries.size() != definitionKeys().size())
+        return "a launch definition without all of its entries";
+    if (entries["Label"] != QStringList{QString::fromLatin1(kServiceLabel)})
+        return "not the product's service label";
+    const QStringList program = entries["ProgramArguments"];
+    if (program.size() != 1 || !program.first().endsWith(QLatin1String("/qv_computeservice")))
+        return "not the service's one program";
+    if (login.empty() || login == "root" || entries["UserName"] != QStringList{QString::fromStdString(login)})
+        return "not a definition that runs as the calling user";
+    return std::string();
 }
 
 bool isRootsAlone(const struct stat &st, bool last)

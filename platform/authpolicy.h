@@ -7,25 +7,29 @@
 #include <vector>
 
 /**
- * What the privileged helper grants: the installation's own operations and
- * nothing else. A request names a tool and its arguments as the installer
- * issues them; the helper carries it out itself (see privops.h), so no
- * program runs as root.
+ * What the privileged helper grants: the installation's own operations on the
+ * installation's own places, every one a constant of the helper. A request
+ * names a tool and its arguments as the installer issues them; the helper
+ * carries it out itself (see privops.h), so no program runs as root.
  *
- *   /bin/mkdir -m MODE PATH     PATH in the maker's folder, or this run's destination
- *   /bin/chmod MODE PATH        PATH in the maker's folder, the destination, or a launch definition
- *   /usr/bin/chgrp GID PATH     GID the administrators' group; PATH in the maker's folder
- *   /bin/chown UID:GID PATH     UID the calling user, GID the administrators' group; PATH in the maker's folder
- *   /bin/cp TEMP DEFINITION     TEMP a /tmp/qv_computecontrol.XXXXXX file; DEFINITION a launch definition
- *   HELPERFOLDER/veld-defaults write|delete FOLDER/DOMAIN KEY [VALUE]
- *                               DOMAIN one of the product's ("com.halvorn.*"), KEY not empty
+ *   /bin/mkdir -m MODE PATH     PATH in the maker's folder, or this run's destination: a folder named
+ *                               "VELDV400" or "VELDV400_" + digits, as the destination chooser names it
+ *   /bin/chmod MODE PATH        a folder in the maker's folder, the destination this helper made,
+ *                               or (644) the launch definition this helper wrote
+ *   /usr/bin/chgrp GID PATH     GID the administrators' group; a folder in the maker's folder
+ *   /bin/chown UID:GID PATH     UID the calling user, GID the administrators' group; a folder in the maker's folder
+ *   /bin/cp TEMP DEFINITION     TEMP the caller's own /tmp/qv_computecontrol.XXXXXX, holding the product's
+ *                               launch definition naming the caller (UserName); DEFINITION the launch daemon's place
+ *   HELPERFOLDER/veld-defaults write|delete SYSTEMPREFS/DOMAIN KEY [VALUE]
+ *                               the installation's own preference (its domain and key) in the
+ *                               system preference folder
  *
  * MODE is 755, 775 or 644, with or without a leading 0. A PATH is absolute and
  * plain: no empty, "." or ".." part and no trailing "/". The destination is
- * the first path outside the other places that a mkdir names; it stays fixed
- * for the helper's life. Checks that need the file system (who owns the
- * preference folder and the temporary file, no symbolic links) are made where
- * the operation runs.
+ * fixed by its first mkdir for the helper's life. What the places turn out to
+ * be on disk (a folder, a link, a file with several names, the temporary
+ * file's owner and content) is judged by admitFound once the operation has
+ * opened them without following a link.
  */
 
 enum class Verb { MakeFolder, SetMode, SetGroup, SetOwner, Copy, WritePreference, DeletePreference };
@@ -41,21 +45,45 @@ struct Operation {
     std::string key, value;   // the preference's
 };
 
-/** What the helper knows about its run; destination is set by the first mkdir outside the other places. */
+/** What the helper knows about its run. */
 struct HelperRun {
     uid_t caller = uid_t(-1);        // the user the launcher started the helper for
+    std::string callerName;          // that user's login name, empty when unknown
     gid_t adminGroup = gid_t(-1);    // the administrators' group, -1 when there is none
     std::string helperFolder;
-    std::string destination;
+    std::string destination;         // set by the first mkdir outside the maker's folder
     bool destinationMade = false;    // whether this helper made the destination's folder
+    dev_t definitionDevice = 0;      // the launch definition this helper wrote, if any
+    ino_t definitionInode = 0;
 };
 
 /**
  * Why the helper must not run tool with args; empty when it may, with *op
- * filled. Admitting the first mkdir outside the other places fixes run's
+ * filled. Admitting the first mkdir outside the maker's folder fixes run's
  * destination.
  */
 std::string admit(const std::string &tool, const std::vector<std::string> &args, HelperRun &run, Operation *op);
+
+/**
+ * What an admitted operation found on disk, opened without following a link:
+ * the object it changes (SetMode, SetGroup, SetOwner), or the temporary file
+ * and its bytes (Copy).
+ */
+struct Found {
+    struct stat object = {};
+    std::string content;
+};
+
+/** Why what op found puts it outside the installation; empty when it may go on. */
+std::string admitFound(const Operation &op, const Found &found, const HelperRun &run);
+
+/**
+ * Why bytes are not the product's own launch definition for the user named
+ * login, as writeLaunchDaemonAgent writes it for all users; empty when they are.
+ * The property list is parsed: its label, one program argument, the user
+ * (never root, never absent, never twice) and the two flags, and nothing else.
+ */
+std::string definitionRefusal(const std::string &bytes, const std::string &login);
 
 /**
  * Whether a folder or file with status st is root's alone: owned by root and

@@ -14,9 +14,9 @@
  *
  * macOS: CoreFoundation preferences, and "/usr/bin/defaults" run with rights
  * for the system-wide store. Linux: one INI file per domain (domain + ".conf")
- * in $XDG_CONFIG_HOME (default ~/.config) per user and in the first folder of
- * $XDG_CONFIG_DIRS (default /etc/xdg) for all users; the system-wide file is
- * written by the bundle's veld-defaults run with rights.
+ * in $XDG_CONFIG_HOME (default ~/.config) per user and in /etc/xdg for all
+ * users (a constant: never taken from $XDG_CONFIG_DIRS); the system-wide file
+ * is written with rights by the privileged helper, as veld-defaults would.
  *
  * Values cross this interface as C strings and byte strings in the Mac Roman
  * encoding: characters outside it become '?', and a value that would not fit

@@ -1,11 +1,11 @@
 #include "prefstore_os.h"
 
 #include "authority.h"
+#include "locations.h"
 #include "preffile.h"
 
 #include <QDir>
 #include <QFile>
-#include <QStringList>
 
 #include <cstdlib>
 #include <pwd.h>
@@ -32,13 +32,7 @@ QString userConfigFolder()
 
 QString systemConfigFolder()
 {
-    const char *dirs = getenv("XDG_CONFIG_DIRS");
-    if (dirs && *dirs) {
-        const QStringList folders = QFile::decodeName(dirs).split(QLatin1Char(':'), Qt::SkipEmptyParts);
-        if (!folders.isEmpty())
-            return folders.first();
-    }
-    return QStringLiteral("/etc/xdg");
+    return QString::fromLatin1(kSystemPreferencesFolder);
 }
 
 QString domainFile(const QString &folder, const QString &domain)
@@ -74,7 +68,7 @@ void osPrefAppSynchronize(const QString &)
 
 std::string osSystemPreferencesFolder()
 {
-    return QFile::encodeName(systemConfigFolder()).toStdString() + "/";
+    return std::string(kSystemPreferencesFolder) + "/";
 }
 
 std::string osDefaultsTool()

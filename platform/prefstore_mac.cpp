@@ -1,5 +1,7 @@
 #include "prefstore_os.h"
 
+#include "locations.h"
+
 #include <CoreFoundation/CoreFoundation.h>
 
 bool osPrefCopyValue(PrefSearch search, const QString &domain, const QString &key, QString *value)
@@ -50,7 +52,7 @@ void osPrefAppSynchronize(const QString &domain)
 
 std::string osSystemPreferencesFolder()
 {
-    return "/Library/Preferences/";
+    return std::string(kSystemPreferencesFolder) + "/";
 }
 
 std::string osDefaultsTool()

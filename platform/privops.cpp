@@ -47,16 +47,14 @@ Fd openParent(const std::string &path, std::string *name, bool trusted = false)
     return folder;
 }
 
-// path itself, not followed if it is a link, as long as it is a folder or a regular file.
+// path itself, not followed if it is a link (a link is opened as what it is).
 Fd openObject(const std::string &path, struct stat *st)
 {
     std::string name;
     const Fd folder = openParent(path, &name);
     Fd object(folder ? ::openat(folder.fd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1);
-    if (object && (::fstat(object.fd, st) != 0 || !(S_ISDIR(st->st_mode) || S_ISREG(st->st_mode)))) {
-        errno = S_ISLNK(st->st_mode) ? ELOOP : EINVAL;
+    if (object && ::fstat(object.fd, st) != 0)
         return Fd();
-    }
     return object;
 }
 
@@ -86,13 +84,15 @@ Outcome makeFolder(const Operation &op, HelperRun &run)
     return Outcome::Done;
 }
 
-Outcome changeObject(const Operation &op)
+Outcome changeObject(const Operation &op, const HelperRun &run, std::string *why)
 {
     const char *tool = op.verb == Verb::SetMode ? "chmod" : op.verb == Verb::SetGroup ? "chgrp" : "chown";
-    struct stat st;
-    const Fd object = openObject(op.path, &st);
+    Found found;
+    const Fd object = openObject(op.path, &found.object);
     if (!object)
         return complain(tool, "cannot access", op.path);
+    if (!(*why = admitFound(op, found, run)).empty())
+        return Outcome::Refused;
     if (op.verb == Verb::SetMode ? ::chmod(procPath(object).c_str(), op.mode) != 0
                                  : ::fchownat(object.fd, "", op.owner, op.group, AT_EMPTY_PATH) != 0)
         return complain(tool, op.verb == Verb::SetMode ? "changing permissions of" : op.verb == Verb::SetGroup ? "changing group of"
@@ -101,26 +101,59 @@ Outcome changeObject(const Operation &op)
     return Outcome::Done;
 }
 
-Outcome copy(const Operation &op, const HelperRun &run, std::string *why)
+// Reads at most limit bytes of fd into *bytes; false on a read error or when there are more.
+bool readUpTo(int fd, size_t limit, std::string *bytes)
 {
-    struct stat st;
-    const Fd source = openObject(op.source, &st);
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return got == 0;
+        bytes->append(buffer, size_t(got));
+        if (bytes->size() > limit) {
+            errno = EFBIG;
+            return false;
+        }
+    }
+}
+
+bool writeAll(int fd, const std::string &bytes)
+{
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t put = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (put < 0 && errno != EINTR)
+            return false;
+        done += put > 0 ? size_t(put) : 0;
+    }
+    return true;
+}
+
+// The definition is judged on the bytes read once, and those bytes are what is written.
+Outcome copy(const Operation &op, HelperRun &run, std::string *why)
+{
+    Found found;
+    const Fd source = openObject(op.source, &found.object);
     if (!source)
         return complain("cp", "cannot stat", op.source);
-    if (!S_ISREG(st.st_mode) || st.st_uid != run.caller || st.st_nlink != 1) {
-        *why = "not the calling user's own temporary file";
+    const Fd input(S_ISREG(found.object.st_mode) ? ::open(procPath(source).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
+    if (S_ISREG(found.object.st_mode) && (!input || !readUpTo(input.fd, 16384, &found.content)))
+        return complain("cp", "cannot read", op.source);
+    if (!(*why = admitFound(op, found, run)).empty())
         return Outcome::Refused;
-    }
-    const Fd input(::open(procPath(source).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!input)
-        return complain("cp", "cannot open", op.source);
     std::string name;
-    const Fd parent = openParent(op.path, &name);
+    const Fd parent = openParent(op.path, &name, true);
     const Fd output(parent ? ::openat(parent.fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644)
                            : -1);
-    if (!output || ::fstat(output.fd, &st) != 0 || !S_ISREG(st.st_mode))
+    struct stat st;
+    if (!output || ::fstat(output.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1)
         return complain("cp", "cannot create regular file", op.path);
-    return copyAll(input.fd, output.fd) ? Outcome::Done : complain("cp", "error copying to", op.path);
+    if (!writeAll(output.fd, found.content) || ::ftruncate(output.fd, off_t(found.content.size())) != 0)
+        return complain("cp", "error copying to", op.path);
+    run.definitionDevice = st.st_dev;
+    run.definitionInode = st.st_ino;
+    return Outcome::Done;
 }
 
 bool isUtf8(const std::string &text)
@@ -159,14 +192,9 @@ Outcome perform(const Operation &op, HelperRun &run, std::string *why)
     case Verb::MakeFolder:
         return makeFolder(op, run);
     case Verb::SetMode:
-        if (op.path == run.destination && !run.destinationMade) {
-            *why = "a destination that this helper did not make";
-            return Outcome::Refused;
-        }
-        return changeObject(op);
     case Verb::SetGroup:
     case Verb::SetOwner:
-        return changeObject(op);
+        return changeObject(op, run, why);
     case Verb::Copy:
         return copy(op, run, why);
     case Verb::WritePreference:

@@ -14,9 +14,11 @@ enum class Outcome { Done, Failed, Refused };
 
 /**
  * Carries out an admitted operation. Refused, with *why, when what the file
- * system shows puts it outside the installation: a temporary file that is not
- * the calling user's own, a preference folder that someone other than root
- * can change, a destination folder that this helper did not make.
+ * system shows puts it outside the installation (admitFound): a temporary
+ * file that is not the calling user's own or does not hold the product's
+ * definition for that user, a file or link where a folder is changed, a
+ * destination folder or launch definition that this helper did not make, a
+ * preference or definition folder that someone other than root can change.
  */
 Outcome perform(const Operation &op, HelperRun &run, std::string *why);
 

@@ -64,11 +64,14 @@ fi
 if [ -n "$shots" ]; then
     # A home, preferences and a destination of the walk's own. No rights are granted:
     # the system-wide preference meets a launcher that refuses, so nothing outside
-    # these folders changes.
+    # these folders changes. Root needs no launcher, so as root the walk runs in a
+    # private mount namespace where a folder of its own stands at /etc/xdg.
     mkdir -p "$shots" "$work/home" "$work/config" "$work/system" "$work/destination"
     cp "$build/veld-screenshots" "$bundle/Contents/MacOS/veld-screenshots"
-    HOME="$work/home" XDG_CONFIG_HOME="$work/config" XDG_CONFIG_DIRS="$work/system" VELD_AUTH_LAUNCHER=/usr/bin/false \
-        "$bundle/Contents/MacOS/veld-screenshots" "$(cd "$shots" && pwd)" "$work/destination"
+    private=()
+    [ "$(id -u)" -ne 0 ] || private=(unshare --mount sh -c 'mount --bind "$1" /etc/xdg && shift && exec "$@"' sh "$work/system")
+    HOME="$work/home" XDG_CONFIG_HOME="$work/config" VELD_AUTH_LAUNCHER=/usr/bin/false \
+        "${private[@]}" "$bundle/Contents/MacOS/veld-screenshots" "$(cd "$shots" && pwd)" "$work/destination"
     # A destination on the sample's own disk receives the files by a move.
     make_sample >/dev/null
     echo "Installed into $work/destination (removed again); the pictures are in $shots"

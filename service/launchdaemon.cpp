@@ -29,7 +29,7 @@ void writeLaunchDaemonAgent(FILE *stream, bool withUserName, const char *service
     fprintf(stream, "<plist version=\"1.0\">\n");
     fprintf(stream, "<dict>\n");
     fprintf(stream, "    <key>Label</key>\n");
-    fprintf(stream, "        <string>com.halvorn.qv_computeservice</string>\n");
+    fprintf(stream, "        <string>%s</string>\n", kServiceLabel);
     fprintf(stream, "    <key>ProgramArguments</key>\n");
     fprintf(stream, "        <array>\n");
     fprintf(stream, "            <string>%s/qv_computeservice</string>\n", serviceFolder ? serviceFolder : "(null)");

@@ -69,6 +69,11 @@ Wrap atMakersFolder(const QString &folder)
     return inPrivateMounts("mount -t tmpfs tmpfs \"${2%/*}\" && mkdir \"$2\" && mount --bind \"$1\" \"$2\"", {folder, kMakersFolder});
 }
 
+Wrap atSystemPreferences(const QString &folder)
+{
+    return inPrivateMounts("mount --bind \"$1\" \"$2\"", {folder, kSystemPreferencesFolder});
+}
+
 QStringList wrapped(QStringList command, const QList<Wrap> &wraps)
 {
     for (const Wrap &wrap : wraps)
@@ -261,7 +266,6 @@ QProcessEnvironment scratchPreferences(const QString &folder)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("XDG_CONFIG_HOME", folder + "/home/.config");
-    env.insert("XDG_CONFIG_DIRS", folder + "/etc/xdg:/nonexistent/second");
     QDir().mkpath(folder + "/home/.config");
     QDir().mkpath(folder + "/etc/xdg");
     return env;

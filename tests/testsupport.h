@@ -31,6 +31,8 @@ Wrap asOrdinaryUser();
 Wrap inPrivateMounts(const QString &setup, const QStringList &setupArgs = {});
 /** In a private mount namespace where folder stands at the maker's folder, the only place the helper prepares. */
 Wrap atMakersFolder(const QString &folder);
+/** In a private mount namespace where folder stands at the system preference folder, /etc/xdg. */
+Wrap atSystemPreferences(const QString &folder);
 QStringList wrapped(QStringList command, const QList<Wrap> &wraps);
 
 // How the current row runs again in a child process: this test program, or a copy of it at copyTo, started with the
@@ -98,7 +100,8 @@ QProcessEnvironment withLauncher(const QString &helper, const QString &launcher,
 
 // The installer's system-wide preference: its domain and key.
 inline const QString kPrefDomain = QStringLiteral("com.halvorn.QuorvanVELD"), kPrefKey = QStringLiteral("VELDFullDatabasePath");
-/** Preference folders of their own below folder ("home/.config", "etc/xdg"), made here, as an environment. */
+/** Preference folders of their own below folder ("home/.config", and "etc/xdg" to stand at the system's), made here,
+ * as an environment. */
 QProcessEnvironment scratchPreferences(const QString &folder);
 /** Writes "[General]" and the raw lines into folder/domain.conf. */
 void writePreferences(const QString &folder, const QString &domain, const QStringList &lines);

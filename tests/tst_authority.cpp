@@ -13,6 +13,17 @@ namespace {
 
 const QString kHelper = QStringLiteral(VELD_AUTHHELPER), kProbe = QStringLiteral(VELD_SUPPORTPROBE);
 
+// The definition that writeLaunchDaemonAgent writes for all users, naming user.
+QByteArray ownDefinition(const QByteArray &user)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple Computer//DTD PLIST 1.0//EN\"\n"
+           "    \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n<dict>\n    <key>Label</key>\n"
+           "        <string>com.halvorn.qv_computeservice</string>\n    <key>ProgramArguments</key>\n        <array>\n"
+           "            <string>/opt/q/qv_computeservice</string>\n        </array>\n    <key>UserName</key>\n"
+           "        <string>" + user + "</string>\n    <key>RunAtLoad</key>\n        <true/>\n    <key>KeepAlive</key>\n"
+           "         <true/>\n</dict>\n</plist>\n";
+}
+
 QByteArray frame(char type, const std::string &payload)
 {
     QByteArray out(4, '\0');
@@ -38,62 +49,127 @@ private slots:
 
     void cleanup() { QVERIFY(allGone(processesMentioning(kHelper))); }   // no test leaves a root helper behind
 
+    // Place and content against the verdict: "" admitted, else the start of the refusal. The caller is "alice"
+    // (1001), the administrators' group 27; "found" is what the operation finds on disk, opened without following
+    // a link, and for a copy the temporary file's bytes are the row's content.
     void policy_data()
     {
         QTest::addColumn<QString>("tool");
         QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QString>("destination");   // before the request, and after it when admitted
-        QTest::addColumn<QString>("refusal");       // the start of the reason, or "" when admitted
+        QTest::addColumn<QString>("found");         // folder, file, link, two names, written (the definition copied), root's
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QString>("destination");   // before the request ("?" first: not made by the helper), and after it
+        QTest::addColumn<QString>("verdict");
 
-        const QString m = kMakersFolder, d = "/srv/db/VELDV400", temp = "/tmp/qv_computecontrol.Ab12Z9", shape = "not a form";
-        const QString place = "not a place", def = kLaunchDaemonDefinition;
-        QTest::newRow("mkdir in the maker's folder") << "/bin/mkdir" << QStringList{"-m", "0775", m + "/VELDV400"} << "" << "";
-        QTest::newRow("the first mkdir elsewhere names the destination") << "/bin/mkdir" << QStringList{"-m", "775", d} << d << "";
-        QTest::newRow("a second destination") << "/bin/mkdir" << QStringList{"-m", "775", "/etc/x"} << d << place;
-        QTest::newRow("chmod of the destination") << "/bin/chmod" << QStringList{"0775", d} << d << "";
-        QTest::newRow("chmod of a root file") << "/bin/chmod" << QStringList{"0644", "/etc/shadow"} << d << place;
-        QTest::newRow("chmod set-uid") << "/bin/chmod" << QStringList{"4755", d} << d << shape;
-        QTest::newRow("mkdir sticky") << "/bin/mkdir" << QStringList{"-m", "1775", m + "/x"} << "" << shape;
-        QTest::newRow("chmod private") << "/bin/chmod" << QStringList{"0700", m} << "" << shape;
-        QTest::newRow("a name that only starts as the maker's") << "/bin/chmod" << QStringList{"775", m + "X"} << "" << place;
-        QTest::newRow("out of the maker's folder through ..") << "/bin/chmod" << QStringList{"775", m + "/../../../../etc"} << "" << shape;
-        QTest::newRow("relative") << "/bin/chmod" << QStringList{"775", "etc"} << "" << shape;
-        QTest::newRow("chgrp to root's group") << "/usr/bin/chgrp" << QStringList{"0", m} << "" << "not the administrators'";
-        QTest::newRow("chgrp to the administrators") << "/usr/bin/chgrp" << QStringList{"27", m} << "" << "";
-        QTest::newRow("chown to root") << "/bin/chown" << QStringList{"0:27", m} << "" << "not the calling user";
-        QTest::newRow("chown to the caller") << "/bin/chown" << QStringList{"1001:27", m + "/VELDV400"} << "" << "";
-        QTest::newRow("chown of the destination") << "/bin/chown" << QStringList{"1001:27", d} << d << place;
-        QTest::newRow("cp of a shell") << "/bin/cp" << QStringList{"/bin/bash", def} << "" << "not the installer's temporary";
-        QTest::newRow("cp to standard output") << "/bin/cp" << QStringList{temp, "/dev/stdout"} << "" << place;
-        QTest::newRow("cp of the definition") << "/bin/cp" << QStringList{temp, def} << "" << "";
-        QTest::newRow("chmod of the definition") << "/bin/chmod" << QStringList{"644", def} << "" << "";
-        QTest::newRow("defaults of the product") << "/h/veld-defaults" << QStringList{"write", "/etc/xdg/com.halvorn.QuorvanVELD", "k", "v"}
-                                                 << "" << "";
-        QTest::newRow("defaults of another file") << "/h/veld-defaults" << QStringList{"delete", "/etc/sudoers", "k"} << "" << place;
-        QTest::newRow("defaults, empty key") << "/h/veld-defaults" << QStringList{"delete", "/etc/xdg/com.halvorn.Q", ""} << "" << shape;
-        QTest::newRow("veld-defaults elsewhere") << "/tmp/veld-defaults" << QStringList{"delete", "/etc/xdg/com.halvorn.Q", "k"} << ""
-                                                 << "not a tool";
-        QTest::newRow("another program") << "/bin/sh" << QStringList{"-c", "id"} << "" << "not a tool";
+        const QString m = kMakersFolder, d = "/srv/db/VELDV400", temp = "/tmp/qv_computecontrol.Ab12Z9", def = kLaunchDaemonDefinition;
+        const QString shape = "not a form", place = "not a place", folder = "not a folder", user = "not a definition that runs";
+        const QString form = "not a property list", prefs = QString(kSystemPreferencesFolder) + "/com.halvorn.QuorvanVELD";
+        const auto row = [](const char *name, const QString &tool, const QStringList &args, const QString &verdict,
+                            const QString &found = "folder", const QString &destination = "", const QByteArray &content = "") {
+            QTest::newRow(name) << tool << args << found << content << destination << verdict;
+        };
+        const auto cp = [&](const char *name, const QString &verdict, const QByteArray &content, const QString &found = "file") {
+            row(name, "/bin/cp", {temp, def}, verdict, found, "", content);
+        };
+        const QByteArray own = ownDefinition("alice"), named = "    <key>UserName</key>\n        <string>alice</string>\n";
+        const QByteArray program = "<string>/opt/q/qv_computeservice</string>";
+
+        row("mkdir in the maker's folder", "/bin/mkdir", {"-m", "0775", m + "/VELDV400"}, "");
+        row("the first mkdir elsewhere names the destination", "/bin/mkdir", {"-m", "775", d}, "", "", d);
+        row("a numbered destination", "/bin/mkdir", {"-m", "755", "/srv/db/VELDV400_12"}, "", "", "/srv/db/VELDV400_12");
+        row("chain 1: a unit folder of the service manager", "/bin/mkdir", {"-m", "755", "/etc/systemd/system/x.service.d"}, place);
+        row("a name that only starts as the database's", "/bin/mkdir", {"-m", "755", "/srv/VELDV400x"}, place);
+        row("a number that is not digits", "/bin/mkdir", {"-m", "755", "/srv/VELDV400_1.d"}, place);
+        row("a trailing /", "/bin/mkdir", {"-m", "755", "/srv/db/VELDV400/"}, shape);
+        row("up through ..", "/bin/mkdir", {"-m", "755", "/srv/../etc/VELDV400"}, shape);
+        row("a second destination", "/bin/mkdir", {"-m", "755", "/srv/other/VELDV400"}, place, "", d);
+        row("mkdir sticky", "/bin/mkdir", {"-m", "1775", m + "/x"}, shape);
+        row("chmod of the destination", "/bin/chmod", {"0775", d}, "", "folder", d);
+        row("chmod of a destination this helper did not make", "/bin/chmod", {"0775", d}, "a destination", "folder", "?" + d);
+        row("chmod of a root file", "/bin/chmod", {"0644", "/etc/shadow"}, place, "file", d);
+        row("chmod set-uid", "/bin/chmod", {"4755", m}, shape);
+        row("chmod of a folder of the maker's", "/bin/chmod", {"775", m + "/VELDV400"}, "");
+        row("a name that only starts as the maker's", "/bin/chmod", {"775", m + "X"}, place);
+        row("chain 4: chmod of a hard link in the maker's folder", "/bin/chmod", {"0775", m + "/x"}, folder, "two names");
+        row("chmod of a symbolic link in the maker's folder", "/bin/chmod", {"0775", m + "/x"}, folder, "link");
+        row("chmod of a file in the maker's folder", "/bin/chmod", {"0644", m + "/x"}, folder, "file");
+        row("chmod of the definition this helper wrote", "/bin/chmod", {"644", def}, "", "written");
+        row("chmod of a definition this helper did not write", "/bin/chmod", {"644", def}, "not the launch definition", "file");
+        row("chmod of the definition to 755", "/bin/chmod", {"755", def}, place, "written");
+        row("chgrp to root's group", "/usr/bin/chgrp", {"0", m}, "not the administrators'");
+        row("chgrp to the administrators", "/usr/bin/chgrp", {"27", m}, "");
+        row("chgrp of a hard link", "/usr/bin/chgrp", {"27", m + "/x"}, folder, "two names");
+        row("chown to root", "/bin/chown", {"0:27", m}, "not the calling user");
+        row("chown to the caller", "/bin/chown", {"1001:27", m + "/VELDV400"}, "");
+        row("chain 4: chown of a hard link in the maker's folder", "/bin/chown", {"1001:27", m + "/x"}, folder, "two names");
+        row("chown of the destination", "/bin/chown", {"1001:27", d}, place, "folder", d);
+        row("cp of a shell", "/bin/cp", {"/bin/bash", def}, "not the installer's temporary");
+        row("cp to standard output", "/bin/cp", {temp, "/dev/stdout"}, place, "file");
+        row("cp to the launch agents of every user", "/bin/cp", {temp, kLaunchAgentDefinition}, place, "file");
+        cp("cp of the product's definition", "", own);
+        cp("chain 3: a definition without UserName", "a launch definition without all", QByteArray(own).replace(named, ""));
+        cp("UserName root", user, QByteArray(own).replace("alice", "root"));
+        cp("another user's name", user, QByteArray(own).replace("alice", "bob"));
+        cp("two UserName entries", form, QByteArray(own).replace(named, named + named));
+        cp("a second program argument", "not the service's one program", QByteArray(own).replace(program, program + program));
+        cp("another program", "not the service's one program", QByteArray(own).replace("/qv_computeservice<", "/sh<"));
+        cp("another label", "not the product's service label", QByteArray(own).replace(".qv_computeservice<", ".x<"));
+        cp("an entry of its own", form, QByteArray(own).replace("<dict>\n", "<dict>\n<key>Program</key><string>/x</string>\n"));
+        cp("an entity declared in the document type", form,
+           QByteArray(own).replace(".dtd\">", ".dtd\" [<!ENTITY u \"alice\">]>").replace(">alice<", ">&u;<"));
+        cp("a comment", form, QByteArray(own).replace("<dict>", "<dict><!-- -->"));
+        cp("a second property list after the end", form, own + "<plist/>");
+        cp("not XML", form, "Label=com.halvorn.qv_computeservice\n");
+        cp("a temporary file of root's", "not the calling user's own", own, "root's");
+        cp("a temporary file with two names", "not the calling user's own", own, "two names");
+        row("the database's location", "/h/veld-defaults", {"write", prefs, "VELDFullDatabasePath", "/srv/db/VELDV400"}, "");
+        row("the database's location removed", "/h/veld-defaults", {"delete", prefs, "VELDFullDatabasePath"}, "");
+        row("chain 2: a drop-in of the service manager", "/h/veld-defaults",
+            {"write", "/etc/systemd/system/x.service.d/com.halvorn.x", "Service/ExecStartPre", "/home/a/run"}, place);
+        row("chain 2: kernel settings", "/h/veld-defaults", {"write", "/etc/sysctl.d/com.halvorn.y", "kernel.core_pattern", "|/x"}, place);
+        row("another key of the product's file", "/h/veld-defaults", {"write", prefs, "Service/ExecStartPre", "/x"}, place);
+        row("the log's domain, which names a file to append to", "/h/veld-defaults",
+            {"write", QString(kSystemPreferencesFolder) + "/com.halvorn.Quorvan", "VELDInstaller_LogLocation", "/etc/passwd"}, place);
+        row("defaults, empty key", "/h/veld-defaults", {"delete", prefs, ""}, shape);
+        row("veld-defaults elsewhere", "/tmp/veld-defaults", {"delete", prefs, "VELDFullDatabasePath"}, "not a tool");
+        row("another program", "/bin/sh", {"-c", "id"}, "not a tool");
     }
 
     void policy()
     {
         QFETCH(QString, tool);
         QFETCH(QStringList, args);
+        QFETCH(QString, found);
+        QFETCH(QByteArray, content);
         QFETCH(QString, destination);
-        QFETCH(QString, refusal);
+        QFETCH(QString, verdict);
         std::vector<std::string> list;
         for (const QString &arg : args)
             list.push_back(arg.toStdString());
         HelperRun run;
         run.caller = 1001;
+        run.callerName = "alice";
         run.adminGroup = 27;
         run.helperFolder = "/h";
-        run.destination = tool == "/bin/mkdir" && refusal.isEmpty() ? "" : destination.toStdString();
+        run.destinationMade = !destination.startsWith('?');
+        destination.remove('?');
+        run.destination = tool == "/bin/mkdir" && verdict.isEmpty() ? "" : destination.toStdString();
+        run.definitionDevice = 8;
+        run.definitionInode = 77;
         Operation op;
-        const QString reason = QString::fromStdString(admit(tool.toStdString(), list, run, &op));
-        QVERIFY2(refusal.isEmpty() ? reason.isEmpty() : reason.startsWith(refusal), qPrintable(reason));
+        QString reason = QString::fromStdString(admit(tool.toStdString(), list, run, &op));
         QCOMPARE(QString::fromStdString(run.destination), destination);
+        if (reason.isEmpty()) {
+            Found what;
+            what.object.st_mode = found == "folder" ? S_IFDIR | 0755 : found == "link" ? S_IFLNK | 0777 : S_IFREG | 0644;
+            what.object.st_nlink = found == "folder" ? 2 : found == "two names" ? 2 : 1;
+            what.object.st_uid = found == "root's" || found == "written" ? 0 : 1001;
+            what.object.st_dev = 8;
+            what.object.st_ino = found == "written" ? 77 : 78;
+            what.content = content.toStdString();
+            reason = QString::fromStdString(admitFound(op, what, run));
+        }
+        QVERIFY2(verdict.isEmpty() ? reason.isEmpty() : reason.startsWith(verdict), qPrintable(reason));
     }
 
     // Who may choose the helper and the launcher through the environment: only root.
@@ -211,19 +287,28 @@ private slots:
         const QString defaults = QFileInfo(kHelper).absolutePath() + "/veld-defaults";
         const QString standin = "printf '#!/bin/sh\\ntouch \"${0%%/*}/ran\"\\nexec /usr/bin/sudo -n \"$@\"\\n' >@/g/launcher && chmod 755 @/g/launcher";
         QTest::newRow("a link in the destination's place, then its mode")
-            << admin << "install -m 600 /dev/null @/secret && ln -s @/secret @/dest" << QStringList()
-            << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "775", "@/dest", "run", "/bin/chmod", "2", "0775", "@/dest"}
-            << "\nauth=1 ref=set\nrun=1\nrun=0\n" << "mkdir: cannot create directory '@/dest': File exists\n*refused: a destination*"
+            << admin << "install -m 600 /dev/null @/secret && ln -s @/secret @/VELDV400" << QStringList()
+            << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "775", "@/VELDV400", "run", "/bin/chmod", "2", "0775", "@/VELDV400"}
+            << "\nauth=1 ref=set\nrun=1\nrun=0\n" << "mkdir: cannot create directory '@/VELDV400': File exists\n*refused: a destination*"
             << "stat -c %a @/secret=>600\n";
-        QTest::newRow("a set-uid copy of a shell, or a root file printed")
+        // The four ways a caller once made root run a program of its choosing: each is refused, and nothing is written.
+        QTest::newRow("chain 1: a folder of the caller's naming as the destination")
+            << admin << "true" << QStringList() << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "755", "@/x.service.d"}
+            << "\nauth=1 ref=set\nrun=0\n" << "*refused: not a place*" << "ls @=>g\n";
+        QTest::newRow("chain 2: a preference file in another folder of root's")
             << admin << "true" << QStringList()
-            << QStringList{"auth", "run", "/bin/cp", "2", "/bin/bash", "@/sh", "run", "/bin/chmod", "2", "4755", "@/sh",
-                           "run", "/bin/cp", "2", "/etc/shadow", "/dev/stdout"}
-            << "\nauth=1 ref=set\nrun=0\nrun=0\nrun=0\n" << "*refused: not the installer's temporary file*" << "ls @=>g\n";
-        QTest::newRow("root's preference in a user's folder")
-            << admin << "true" << QStringList{"XDG_CONFIG_DIRS=@/g"}
-            << QStringList{"auth", "run", defaults, "4", "write", "@/g/com.halvorn.QuorvanVELD", "k", "v"}
-            << "\nauth=1 ref=set\nrun=0\n" << "*refused: the preference folder is not root's alone*" << "ls @/g=>";
+            << QStringList{"auth", "run", defaults, "4", "write", "@/com.halvorn.x", "Service/ExecStartPre", "/bin/id"}
+            << "\nauth=1 ref=set\nrun=0\n" << "*refused: not a place*" << "ls @=>g\n";
+        QTest::newRow("chain 3: a launch definition without the user")
+            << admin << "install -o veldadmin -m 600 %D %T" << QStringList()
+            << QStringList{"auth", "run", "/bin/cp", "2", "%T", kLaunchDaemonDefinition}
+            << "\nauth=1 ref=set\nrun=0\n" << "*refused: a launch definition without all of its entries*"
+            << QString("rm %T && test ! -e %1 && echo none=>none\n").arg(kLaunchDaemonDefinition);
+        QTest::newRow("chain 4: owner and mode through a hard link in the maker's folder")
+            << admin << "install -o veldadmin -m 600 /dev/null @/target && ln @/target %M/hard" << QStringList()
+            << QStringList{"auth", "run", "/bin/chown", "2", QString::number(userId(admin)) + ':' + QString::number(getGroupId(adminGroupName())),
+                           "%M/hard", "run", "/bin/chmod", "2", "0775", "%M/hard"}
+            << "\nauth=1 ref=set\nrun=0\nrun=0\n" << "*refused: not a folder*refused: not a folder*" << "stat -c %U:%G:%a @/target=>veldadmin:root:600\n";
         QTest::newRow("a launcher of the user's") << guest << standin << QStringList{"VELD_AUTH_LAUNCHER=@/g/launcher"} << QStringList{"auth"}
                                                   << "\nauth=0 ref=set\n" << "*VELD_AUTH_LAUNCHER ignored: @/g/launcher is not owned by root*" << ran;
         QTest::newRow("a pkexec of the user's first on PATH")
@@ -236,8 +321,8 @@ private slots:
             << admin << "printf '#!/bin/sh\\nexec cat >/dev/null\\n' >@/waits && chmod 755 @/waits" << QStringList{"VELD_AUTH_LAUNCHER=@/waits"}
             << QStringList{"limit", "50", "auth"} << "\nauth=0 ref=set\n" << "*no answer from the launcher in time*status=-60008" << "true=>";
         QTest::newRow("standard input and output closed")
-            << admin << "true" << QStringList() << QStringList{"closed", "auth", "run", "/bin/mkdir", "3", "-m", "755", "@/made"} << ""
-            << "*" << "stat -c %U @/made=>root\n";
+            << admin << "true" << QStringList() << QStringList{"closed", "auth", "run", "/bin/mkdir", "3", "-m", "755", "@/VELDV400"} << ""
+            << "*" << "stat -c %U @/VELDV400=>root\n";
     }
 
     // Each of these got root to do more than the installation before: now each is refused, or ends cleanly.
@@ -253,16 +338,24 @@ private slots:
         QFETCH(QString, check);
         const QString at = m_dir.filePath(QString(QTest::currentDataTag()).replace(QRegularExpression("\\W"), "_"));   // not the maker's
         QVERIFY(QDir().mkpath(at + "/g") && QFile::setPermissions(at, QFileDevice::Permissions(0x7755)));
+        QVERIFY(writeFile(m_dir.filePath("nouser.plist"), ownDefinition("veldadmin").replace("    <key>UserName</key>\n        <string>veldadmin</string>\n", "")));
         QCOMPARE(runProcess({"chown", "veldguest:veldguest", at + "/g"}).exitCode, 0);
-        QCOMPARE(runProcess({"sh", "-c", QString(setup).replace('@', at)}).exitCode, 0);
+        // "@" the row's folder, "%M" the maker's folder (the scratch folder stands there), "%T" a temporary file of the
+        // installer's name, "%D" the product's launch definition without the user.
+        const QString temp = "/tmp/qv_computecontrol." + QString::number(QRandomGenerator::global()->bounded(100000, 999999));
+        const auto expand = [&](QString text, const QString &makers) {
+            return text.replace('@', at).replace("%M", makers).replace("%T", temp).replace("%D", m_dir.filePath("nouser.plist"));
+        };
+        QCOMPARE(runProcess({"sh", "-c", expand(setup, m_scratch)}).exitCode, 0);
         QProcessEnvironment environment = withLauncher(kHelper, m_dir.filePath("launch"));
         for (const QString &pair : env)
-            environment.insert(pair.section('=', 0, 0), pair.section('=', 1).replace('@', at));
-        const ProcessResult result = runProcess(wrapped(QStringList{kProbe} + probe.replaceInStrings("@", at),
-                                                        {asUser(user), atMakersFolder(m_scratch)}), environment);
-        QVERIFY2(matchesGlob(result.out, out.replace('@', at)) && matchesGlob(result.err, err.replace('@', at)),
+            environment.insert(pair.section('=', 0, 0), expand(pair.section('=', 1), m_scratch));
+        for (QString &word : probe)
+            word = expand(word, kMakersFolder);
+        const ProcessResult result = runProcess(wrapped(QStringList{kProbe} + probe, {asUser(user), atMakersFolder(m_scratch)}), environment);
+        QVERIFY2(matchesGlob(result.out, expand(out, kMakersFolder)) && matchesGlob(result.err, expand(err, kMakersFolder)),
                  qPrintable(result.out + result.err));
-        QCOMPARE(runProcess({"sh", "-c", check.section("=>", 0, 0).replace('@', at)}).out, check.section("=>", 1).replace('@', at));
+        QCOMPARE(runProcess({"sh", "-c", expand(check.section("=>", 0, 0), m_scratch)}).out, expand(check.section("=>", 1), m_scratch));
     }
 
     void refusals_data()
@@ -343,6 +436,14 @@ private slots:
             QVERIFY(waitFor("waiting"));
             const QList<pid_t> helpers = processesMentioning(kHelper);
             QCOMPARE(helpers.size(), 2);   // the launcher and the helper
+            // The helper keeps nothing of the environment it was given, not even where the kernel shows it.
+            int cleared = 0;
+            for (const pid_t pid : helpers) {
+                const QString proc = QStringLiteral("/proc/%1/").arg(pid);
+                if (fileBytes(proc + "cmdline").startsWith(QFile::encodeName(kHelper) + '\0'))
+                    cleared += fileBytes(proc + "environ").contains('=') ? 0 : 1;
+            }
+            QCOMPARE(cleared, 1);
             // Another process of the user cannot reach into the installer for its channel.
             const QStringList peek = asUser("veldadmin")({"ls", QStringLiteral("/proc/%1/fd").arg(client.processId())});
             QVERIFY(runProcess(peek).err.contains("Permission denied"));
@@ -358,14 +459,18 @@ private slots:
     // preference itself: the veld-defaults in its folder, which a user might have swapped, is never run.
     void directAsRoot()
     {
-        const QString bin = m_scratch + "/bin", made = m_scratch + "/r", target = m_scratch + "/com.halvorn.QuorvanVELD";
-        QVERIFY(QDir().mkpath(bin) && writeFile(bin + "/veld-authhelper", fileBytes(kHelper), 0500));
+        const QString bin = m_scratch + "/bin", made = m_scratch + "/VELDV400", prefs = m_scratch + "/xdg";
+        const QString target = QString(kSystemPreferencesFolder) + "/com.halvorn.QuorvanVELD";
+        QVERIFY(QDir().mkpath(bin) && QDir().mkpath(prefs) && writeFile(bin + "/veld-authhelper", fileBytes(kHelper), 0500));
         QVERIFY(writeFile(bin + "/veld-defaults", "#!/bin/sh\ntouch " + bin.toUtf8() + "/swapped\n", 0755));
-        const ProcessResult result = runProcess({kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0755", made, "run", bin + "/veld-defaults",
-                                                 "4", "write", target, "k", "v", "free"}, withLauncher(bin + "/veld-authhelper", m_dir.filePath("launch")));
+        const QStringList probe{kProbe, "auth", "run", "/bin/mkdir", "3", "-m", "0755", made, "run", bin + "/veld-defaults",
+                                "4", "write", target, "VELDFullDatabasePath", made, "free"};
+        const ProcessResult result = runProcess(wrapped(probe, {atSystemPreferences(prefs)}),
+                                                withLauncher(bin + "/veld-authhelper", m_dir.filePath("launch")));
         QCOMPARE(result.out, QStringLiteral("\nauth=1 ref=set\nrun=1\nrun=1\nfree=0 ref=null\n"));
-        QCOMPARE(ownership(made) + ownership(target + ".conf") + QString::number(launches(m_dir.path())), "root:root 755root:root 6440");
-        QVERIFY(fileText(target + ".conf").contains("k=v") && !QFileInfo::exists(bin + "/swapped"));
+        const QString written = prefs + "/com.halvorn.QuorvanVELD.conf";
+        QCOMPARE(ownership(made) + ownership(written) + QString::number(launches(m_dir.path())), "root:root 755root:root 6440");
+        QVERIFY(fileText(written).contains("VELDFullDatabasePath=" + made) && !QFileInfo::exists(bin + "/swapped"));
     }
 
 private:

@@ -129,14 +129,16 @@ private slots:
                 env.insert("VELD_AUTH_HELPER", m_dir.filePath("helper/veld-authhelper"));
                 env.remove("VELD_AUTH_LAUNCHER");
             }
-            env.insert("XDG_CONFIG_DIRS", layout.filePath("xdg"));   // root's system-wide preference folder
             for (const char *name : {"XDG_CONFIG_HOME", "HOME"})
                 env.insert(name, layout.filePath("home"));
             env.remove("XDG_RUNTIME_DIR");
             env.insert("VELD_PARENT", place.isEmpty() ? QString() : parent);
-            runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_install"),
-                           {asUser(user), inPrivateMounts(setup.isEmpty() ? "true" : setup, {layout.path()})}, env});
+            // Root's folder "xdg" stands at the system preference folder.
+            const QString mounts = (setup.isEmpty() ? "true" : setup) + QStringLiteral(" && mount --bind \"$1/xdg\" %1").arg(kSystemPreferencesFolder);
+            runRowInChild({layout.filePath("Test Installer.app/Contents/MacOS/tst_install"), {asUser(user), inPrivateMounts(mounts, {layout.path()})}, env});
             QCOMPARE(::launches(m_dir.path()), launches);
+            const QString prefFile = layout.filePath("xdg/") + kPrefDomain + ".conf";
+            QCOMPARE(ownership(prefFile), preference ? "root:root 644" : "absent");
             return;
         }
 
@@ -196,9 +198,7 @@ private slots:
         before.sort();
         QCOMPARE(dataFiles(dest), installed ? all : cancelAfter ? before : QStringList());
         QCOMPARE(dataFiles(source), sCopyFiles ? QStringList() : kept);
-        const QString prefFile = qEnvironmentVariable("XDG_CONFIG_DIRS") + '/' + kPrefDomain + ".conf";
         QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), preference ? dest.toUtf8() : QByteArray());
-        QCOMPARE(ownership(prefFile), preference ? "root:root 644" : "absent");
     }
 };
 

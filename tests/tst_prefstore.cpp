@@ -1,4 +1,5 @@
 #include "platform/authority.h"
+#include "platform/locations.h"
 #include "platform/prefstore.h"
 #include "testsupport.h"
 
@@ -9,16 +10,24 @@ class tst_PrefStore : public QObject
     Q_OBJECT
 
 private slots:
+    // The system-wide folder is the constant /etc/xdg: the rows that reach it run again in a child where the
+    // test's own folder stands there. A desktop's XDG_CONFIG_DIRS names another folder with other values, which
+    // no row may ever read.
     void init()
     {
-        if (inChild())
+        if (inChild()) {
+            m_user = qEnvironmentVariable("XDG_CONFIG_HOME");
+            m_system = kSystemPreferencesFolder;
             return;
+        }
         m_dir.reset(new QTemporaryDir);
         m_env = scratchPreferences(m_dir->path());
         m_user = m_env.value("XDG_CONFIG_HOME");
         m_system = m_dir->path() + "/etc/xdg";
+        const QString decoy = m_dir->path() + "/desktop";
+        writePreferences(decoy, kPrefDomain, {"VELDFullDatabasePath=/decoy", "Other=/decoy"});
+        m_env.insert("XDG_CONFIG_DIRS", decoy);
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_user));
-        qputenv("XDG_CONFIG_DIRS", QFile::encodeName(m_system));
         QVERIFY(QFile::setPermissions(m_dir->path(), QFileDevice::Permissions(0x7755)));
     }
 
@@ -59,6 +68,8 @@ private slots:
 
     void readers()
     {
+        if (!inChild())
+            return runRowInChild({QString(), {atSystemPreferences(m_system)}, m_env});
         QFETCH(QStringList, user);
         QFETCH(QStringList, system);
         QFETCH(QByteArray, local);
@@ -87,6 +98,8 @@ private slots:
     // Over the user's value and another key, with a system-wide value that a removal uncovers.
     void localWrite()
     {
+        if (!inChild())
+            return runRowInChild({QString(), {atSystemPreferences(m_system)}, m_env});
         QFETCH(QByteArray, value);
         QFETCH(QString, text);
         writePreferences(m_user, kPrefDomain, {"Other=kept", "VELDFullDatabasePath=/u"});
@@ -101,6 +114,8 @@ private slots:
 
     void refusedWrites()
     {
+        if (!inChild())
+            return runRowInChild({QString(), {atSystemPreferences(m_system)}, m_env});
         // Without an authority nothing is run or written.
         QVERIFY(!MacWriteGlobalDefaultSetting(kPrefDomain, kPrefKey.toLatin1().constData(), "/x", nullptr));
         QVERIFY(!MacWriteGlobalDefaultSetting(kPrefDomain, kPrefKey.toLatin1().constData(), nullptr, nullptr));
@@ -114,14 +129,15 @@ private slots:
     void globalWrite()
     {
         REQUIRE_PRIVILEGED();
-        const QString file = m_system + '/' + kPrefDomain + ".conf";
         if (!inChild()) {
             QTemporaryDir dir;
             QVERIFY(createCountingLauncher(dir.path()));
             for (const QString &folder : {QString(), QStringLiteral("/etc"), QStringLiteral("/etc/xdg")})
                 QVERIFY(QFile::setPermissions(m_dir->path() + folder, QFileDevice::Permissions(0x7755)));
-            runRowInChild({QString(), {asUser("veldadmin")}, withLauncher(VELD_AUTHHELPER, dir.filePath("launch"), m_env)});
+            runRowInChild({QString(), {asUser("veldadmin"), atSystemPreferences(m_system)},
+                           withLauncher(VELD_AUTHHELPER, dir.filePath("launch"), m_env)});
             QCOMPARE(launches(dir.path()), 1);
+            const QString file = m_system + '/' + kPrefDomain + ".conf";
             QCOMPARE(ownership(file), "root:root 644");
             QCOMPARE(QSettings(file, QSettings::IniFormat).allKeys(), QStringList());
             return;
@@ -131,8 +147,9 @@ private slots:
         QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), "/Volumes/Caf\xc3\xa9 \xe6\x97\xa5", gMacAuthorizationRef));
         QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), QByteArray("/Volumes/Caf\x8e ?"));
         QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), nullptr, gMacAuthorizationRef));
-        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, "Other", "kept", gMacAuthorizationRef));
-        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, "Other", "", gMacAuthorizationRef));
+        QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), QByteArray());
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), "/again", gMacAuthorizationRef));
+        QVERIFY(MacWriteGlobalDefaultSetting(kPrefDomain, key.constData(), "", gMacAuthorizationRef));
         freeAuthority(&gMacAuthorizationRef);
     }
 
