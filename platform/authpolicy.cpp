@@ -136,7 +136,8 @@ std::string admitOwnership(const std::string &tool, const std::vector<std::strin
         op->owner = uid_t(owner);
     }
     op->group = gid_t(group);
-    return admitPath(a[1], isMakers(a[1]), op);
+    // The maker's folder itself stays root's: only the folders made in it are given to the user.
+    return admitPath(a[1], isMakers(a[1]) && (op->verb == Verb::SetGroup || a[1] != kMakersFolder), op);
 }
 
 std::string admitPreference(const std::vector<std::string> &a, Operation *op)

@@ -17,7 +17,7 @@
  *   /bin/chmod MODE PATH        a folder in the maker's folder, the destination this helper made,
  *                               or (644) the launch definition this helper wrote
  *   /usr/bin/chgrp GID PATH     GID the administrators' group; a folder in the maker's folder
- *   /bin/chown UID:GID PATH     UID the calling user, GID the administrators' group; a folder in the maker's folder
+ *   /bin/chown UID:GID PATH     UID the calling user, GID the administrators' group; a folder below the maker's folder
  *   /bin/cp TEMP DEFINITION     TEMP the caller's own /tmp/qv_computecontrol.XXXXXX, holding the product's
  *                               launch definition naming the caller (UserName); DEFINITION the launch daemon's place
  *   HELPERFOLDER/veld-defaults write|delete SYSTEMPREFS/DOMAIN KEY [VALUE]

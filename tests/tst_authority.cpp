@@ -101,6 +101,7 @@ private slots:
         row("chgrp of a hard link", "/usr/bin/chgrp", {"27", m + "/x"}, folder, "two names");
         row("chown to root", "/bin/chown", {"0:27", m}, "not the calling user");
         row("chown to the caller", "/bin/chown", {"1001:27", m + "/VELDV400"}, "");
+        row("chown of the maker's folder itself", "/bin/chown", {"1001:27", m}, place);
         row("chain 4: chown of a hard link in the maker's folder", "/bin/chown", {"1001:27", m + "/x"}, folder, "two names");
         row("chown of the destination", "/bin/chown", {"1001:27", d}, place, "folder", d);
         row("cp of a shell", "/bin/cp", {"/bin/bash", def}, "not the installer's temporary");
@@ -291,6 +292,10 @@ private slots:
             << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "775", "@/VELDV400", "run", "/bin/chmod", "2", "0775", "@/VELDV400"}
             << "\nauth=1 ref=set\nrun=1\nrun=0\n" << "mkdir: cannot create directory '@/VELDV400': File exists\n*refused: a destination*"
             << "stat -c %a @/secret=>600\n";
+        QTest::newRow("a link in the destination's parent")
+            << admin << "ln -s @/g @/l" << QStringList() << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "775", "@/l/VELDV400"}
+            << "\nauth=1 ref=set\nrun=1\n" << "mkdir: cannot create directory '@/l/VELDV400': Not a directory\n"
+            << "ls @/g=>";
         // The four ways a caller once made root run a program of its choosing: each is refused, and nothing is written.
         QTest::newRow("chain 1: a folder of the caller's naming as the destination")
             << admin << "true" << QStringList() << QStringList{"auth", "run", "/bin/mkdir", "3", "-m", "755", "@/x.service.d"}
