@@ -53,11 +53,11 @@ qint64 cpuNs()
 }
 
 // A run's copy must be complete: every file, flat, with its size.
-void check(const QString &dest, const QList<QFileInfo> &files)
+void check(const QString &dest, const QList<SourceFile> &files)
 {
-    for (const QFileInfo &file : files) {
-        const QFileInfo copy(dest + QLatin1Char('/') + file.fileName());
-        if (!copy.isFile() || copy.size() != file.size())
+    for (const SourceFile &file : files) {
+        const QFileInfo copy(dest + QLatin1Char('/') + QFile::decodeName(file.fileName()));
+        if (!copy.isFile() || quint64(copy.size()) != file.size)
             fail(QStringLiteral("%1 is missing or cut short").arg(copy.filePath()), 1);
     }
     if (QDir(dest).entryList(QDir::Files | QDir::Hidden).size() != files.size())
@@ -98,7 +98,7 @@ Run timed(Start start)
     return run;
 }
 
-Run runWorker(const QList<QFileInfo> &files, const QString &dest)
+Run runWorker(const QList<SourceFile> &files, const QString &dest)
 {
     sSourceFiles = files;
     sCopyFiles = false; // copy, not move
@@ -121,14 +121,14 @@ Run runWorker(const QList<QFileInfo> &files, const QString &dest)
     return run;
 }
 
-Run runReference(bool perFile, const QList<QFileInfo> &files, const QString &dest)
+Run runReference(bool perFile, const QList<SourceFile> &files, const QString &dest)
 {
     // The loop gets the folder as $1 and the files after it.
     const QString loop = QStringLiteral("d=$1; shift; for f; do /bin/cp -pf \"$f\" \"$d/\" || exit 1; done");
     QStringList args = perFile ? QStringList{QStringLiteral("-c"), loop, QStringLiteral("bash"), dest}
                                : QStringList{QStringLiteral("-p")};
-    for (const QFileInfo &file : files)
-        args << file.absoluteFilePath();
+    for (const SourceFile &file : files)
+        args << QFile::decodeName(file.path);
     if (!perFile)
         args << dest + QLatin1Char('/');
     QProcess process;
@@ -164,7 +164,7 @@ int main(int argc, char **argv)
     const int rounds = args.size() == 5 ? args.at(4).toInt(&ok) : 3;
     if (!ok || rounds < 1 || rounds > 99)
         fail(QStringLiteral("ROUNDS must be a number from 1 to 99"), 2);
-    QList<QFileInfo> files;
+    QList<SourceFile> files;
     const quint64 bytes = SizeThread::dirSize(args.at(2), files);
     if (files.isEmpty())
         fail(QStringLiteral("no data files below SOURCE"), 2);

@@ -97,7 +97,7 @@ qint64 timeDirSize(const QString &tree, int runs, quint64 &bytes, int &files)
 {
     qint64 bestNs = -1;
     for (int run = 0; run <= runs; ++run) {
-        QList<QFileInfo> list;
+        QList<SourceFile> list;
         QElapsedTimer clock;
         clock.start();
         bytes = SizeThread::dirSize(tree, list);

@@ -2,8 +2,9 @@
 
 #include <QSpacerItem>
 
-QList<QFileInfo> sResultList;
-QList<QFileInfo> sSourceFiles;
+QList<SourceFile> sResultList;
+QList<SourceFile> sSourceFiles;
+QList<QByteArray> sUnreadableFolders;
 bool sCopyFiles = false;
 
 QSpacerItem *sideSpacer()

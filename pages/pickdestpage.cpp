@@ -38,8 +38,8 @@ std::string encoded(const QString &path)
 bool movesWithinVolume(const QString &probeFolder)
 {
     const std::string probe = encoded(probeFolder);
-    return !sSourceFiles.isEmpty() && std::all_of(sSourceFiles.begin(), sSourceFiles.end(), [&](const QFileInfo &file) {
-        return sameVolume(probe, encoded(file.absoluteFilePath()));
+    return !sSourceFiles.isEmpty() && std::all_of(sSourceFiles.begin(), sSourceFiles.end(), [&](const SourceFile &file) {
+        return sameVolume(probe, file.path.toStdString());
     });
 }
 

@@ -125,7 +125,8 @@ bool SourcePage::isCurrentScan() const
 void SourcePage::takeResult(quint64 finishedSize)
 {
     dbSize = finishedSize;
-    sSourceFiles = sizeThread ? sizeThread->foundFiles() : QList<QFileInfo>();
+    sSourceFiles = sizeThread ? sizeThread->foundFiles() : QList<SourceFile>();
+    sUnreadableFolders = sizeThread ? sizeThread->unreadableFolders() : QList<QByteArray>();
 }
 
 void SourcePage::updateDBSize(QString path, quint64 finishedSize)

@@ -31,6 +31,18 @@ bool closeOnExecPipe(int fds[2])
 #endif
 }
 
+// The child's fchdir(directory) before its exec.
+bool addChangeOfFolder(posix_spawn_file_actions_t *actions, int directory)
+{
+#if defined(__APPLE__) && defined(__clang__)
+    if (__builtin_available(macOS 10.15, *))
+        return posix_spawn_file_actions_addfchdir_np(actions, directory) == 0;
+    return false;
+#else
+    return posix_spawn_file_actions_addfchdir_np(actions, directory) == 0;
+#endif
+}
+
 int msLeft(Clock::time_point deadline)
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -44,7 +56,7 @@ ChildProcess::~ChildProcess()
     kill();
 }
 
-bool ChildProcess::start(const std::string &program, const std::vector<std::string> &arguments)
+bool ChildProcess::start(const std::string &program, const std::vector<std::string> &arguments, int directory)
 {
     kill();
     m_crashed = false;
@@ -58,6 +70,12 @@ bool ChildProcess::start(const std::string &program, const std::vector<std::stri
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, errorPipe[1], 2);
+    if (directory >= 0 && !addChangeOfFolder(&actions, directory)) {
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(errorPipe[0]);
+        ::close(errorPipe[1]);
+        return false;
+    }
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;

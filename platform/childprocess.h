@@ -24,8 +24,14 @@ public:
     ChildProcess &operator=(const ChildProcess &) = delete;
     ~ChildProcess();
 
-    /** Starts program (an absolute path) with arguments; false when it could not be started. */
-    bool start(const std::string &program, const std::vector<std::string> &arguments);
+    /**
+     * Starts program (an absolute path) with arguments, in the folder of the
+     * descriptor directory when that is not -1 (so that a relative argument
+     * names something below it, however deep it lies); false when it could
+     * not be started. The descriptor stays the caller's. The change of folder
+     * needs glibc 2.29 or macOS 10.15; before them such a start fails.
+     */
+    bool start(const std::string &program, const std::vector<std::string> &arguments, int directory = -1);
 
     /** Waits up to ms for the child to end, collecting its standard error; true once it has ended. */
     bool waitForFinished(int ms);

@@ -124,10 +124,10 @@ bool makeFile(const QString &path, qint64 size)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(size);
 }
 
-QStringList paths(const QList<QFileInfo> &list)
+QStringList paths(const QList<SourceFile> &list)
 {
     QStringList out;
-    std::transform(list.begin(), list.end(), std::back_inserter(out), [](const QFileInfo &info) { return info.filePath(); });
+    std::transform(list.begin(), list.end(), std::back_inserter(out), [](const SourceFile &file) { return QFile::decodeName(file.path); });
     return out;
 }
 

@@ -52,7 +52,9 @@ inline QString fileText(const QString &path) { return QString::fromUtf8(fileByte
 bool writeFile(const QString &path, const QByteArray &bytes, int mode = 0644);
 /** A sparse file of the given size, with its folders. */
 bool makeFile(const QString &path, qint64 size);
-QStringList paths(const QList<QFileInfo> &list);
+struct SourceFile;
+/** The files' paths, decoded. */
+QStringList paths(const QList<SourceFile> &list);
 /** Lines "KIND|PATH|ARGUMENT" below root: f file (size), d folder, l link (target), m chmod (octal), p pipe, s socket. */
 bool buildTree(const QString &root, const QStringList &entries);
 /** "OWNER:GROUP MODE" of path, the mode in octal, or "absent". */

@@ -156,10 +156,10 @@ private slots:
         if (!place.isEmpty())
             choose(wizard, parent);
         QStringList order, kept = all;   // the scan's order; what stays at the source of a copy
-        for (const QFileInfo &file : sResultList)
-            order << file.fileName() + ":1000";
+        for (const SourceFile &file : sResultList)
+            order << QFile::decodeName(file.fileName()) + ":1000";
         // A cancelled transfer stops while the copy program reads a pipe that never ends in place of a file.
-        const QString gate = sResultList.value(cancelAfter).absoluteFilePath();
+        const QString gate = QFile::decodeName(sResultList.value(cancelAfter).path);
         if (cancelAfter > 0) {
             const QByteArray path = QFile::encodeName(gate);
             QVERIFY(::unlink(path.constData()) == 0 && ::mkfifo(path.constData(), 0644) == 0);

@@ -307,7 +307,7 @@ private slots:
         QCOMPARE(ScanGate::foldersAfterCancel(), 0);
         // The page shows the last choice, and the source's files are that folder's and no one else's.
         const QString last = choices.last();
-        QList<QFileInfo> expected;
+        QList<SourceFile> expected;
         const quint64 total = last.isEmpty() ? 0 : SizeThread::dirSize(home.filePath(last), expected);
         QCOMPARE(paths(sSourceFiles), paths(expected));
         QCOMPARE(page->dbSize, total);
@@ -472,7 +472,7 @@ private slots:
         QVERIFY(makeFile(layoutFolder() + "/VELDV400/data/a.qventry", sourceBytes));   // sparse
         // An entry of an earlier source, on the layout's own disk, stays in the list without deciding anything.
         QVERIFY(makeFile(layoutFolder() + "/earlier.qventry", 0));
-        sResultList = {QFileInfo(layoutFolder() + "/earlier.qventry")};
+        sResultList = {SourceFile{QFile::encodeName(layoutFolder() + "/earlier.qventry"), 0}};
         VELD_Installer wizard;
         goToDestPage(wizard);
         if (!chosen.isEmpty())

@@ -5,14 +5,52 @@
 
 #include <QFile>
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 const char kNoFiles[] = "The source database data files couldn't be found.";
+const char kFolderNotRead[] = "The folder %1 of the source database could not be read, so its data files were not installed.";
+const char kOneMoreFolderNotRead[] = " One other folder of it could not be read either.";
+const char kMoreFoldersNotRead[] = " %1 other folders of it could not be read either.";
 const int kFailure = -100;
 const int kCancelPollMs = 100;
+// Longer paths are elided in the middle when shown.
+const int kShownPathLength = 240;
+
+// A path as the outcome shows it: decoded, a very long one elided in the
+// middle, and breakable after each "/" so that it wraps rather than being cut.
+QString shownPath(const QByteArray &path)
+{
+    QString shown = QString::fromUtf8(path);
+    if (shown.size() > kShownPathLength)
+        shown = shown.left(kShownPathLength / 3) + QStringLiteral(" \u2026 ") + shown.right(kShownPathLength * 2 / 3);
+    return shown.replace(QLatin1Char('/'), QStringLiteral("/\u200b"));
+}
+
+// Opens folder (an absolute path of any length) one name at a time; -1 on failure.
+int openFolder(const QByteArray &folder)
+{
+    int fd = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (const QByteArray &name : folder.split('/')) {
+        if (name.isEmpty() || fd < 0)
+            continue;
+        const int next = ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    return fd;
+}
+
+struct Descriptor {
+    int fd = -1;
+    ~Descriptor() { fd < 0 || ::close(fd); }
+};
 
 } // namespace
 
@@ -20,6 +58,7 @@ CopyThread::CopyThread(QObject *parent, QString path)
     : QThread(parent)
     , path(std::move(path))
     , files(sSourceFiles)
+    , unreadableFolders(sUnreadableFolders)
     , moveFiles(sCopyFiles)
 {
 }
@@ -41,11 +80,11 @@ void CopyThread::cancel()
     m_cancelled = true;
 }
 
-QStringList CopyThread::transferArguments(bool move, const QString &source, const QString &target)
+QList<QByteArray> CopyThread::transferArguments(bool move, const QByteArray &source, const QByteArray &target)
 {
     if (move)
         return {source, target};
-    return {QStringLiteral("-pf"), source, target};
+    return {QByteArrayLiteral("-pf"), source, target};
 }
 
 QString CopyThread::processErrorText(QProcess::ProcessError error)
@@ -85,7 +124,7 @@ bool CopyThread::waitForChild(ChildProcess &child)
 
 void CopyThread::unpriviledgedCopy()
 {
-    const QString target = path + QLatin1Char('/');
+    const QByteArray target = QFile::encodeName(path) + '/';
     const QString program = moveFiles ? QStringLiteral("/bin/mv") : QStringLiteral("/bin/cp");
     const std::string programPath = QFile::encodeName(program).toStdString();
     emit copyResult(kFailure, QString::fromLatin1(kNoFiles));
@@ -94,22 +133,28 @@ void CopyThread::unpriviledgedCopy()
 
     ChildProcess child;
     int count = 0;
-    for (const QFileInfo &file : files) {
+    for (const SourceFile &file : files) {
         if (m_cancelled)
             return;
-        const QString source = file.absoluteFilePath();
+        const QByteArray name = file.fileName(), targetFile = target + name;
+        // A path too long for the program is handed over from the file's own folder.
+        QByteArray source = file.path;
+        Descriptor folder;
+        if (source.size() >= PATH_MAX && (folder.fd = openFolder(source.left(source.size() - name.size()))) >= 0)
+            source = "./" + name;
         std::vector<std::string> arguments;
-        for (const QString &argument : transferArguments(moveFiles, source, target))
-            arguments.push_back(QFile::encodeName(argument).toStdString());
+        for (const QByteArray &argument : transferArguments(moveFiles, source, target))
+            arguments.push_back(argument.toStdString());
         // Never leave a cut data file behind; a move that went through keeps its file.
         const auto removeCut = [&] {
-            if (!moveFiles || QFile::exists(source))
-                QFile::remove(target + file.fileName());
+            struct stat left;
+            if ((!moveFiles || ::fstatat(folder.fd >= 0 ? folder.fd : AT_FDCWD, source.constData(), &left, AT_SYMLINK_NOFOLLOW) == 0))
+                ::unlink(targetFile.constData());
         };
         const auto failAs = [&](QProcess::ProcessError error) {
             emit copyResult(kFailure, program + QLatin1Char(':') + processErrorText(error));
         };
-        if (!child.start(programPath, arguments))
+        if (!child.start(programPath, arguments, folder.fd))
             return failAs(QProcess::FailedToStart);
         if (!waitForChild(child))
             return removeCut();
@@ -128,5 +173,13 @@ void CopyThread::unpriviledgedCopy()
         fflush(stderr);
         emit copyResult(kFailure, QStringLiteral("Error message is:\n") + QString::fromUtf8(complaint.constData()));
         return;
+    }
+    if (!unreadableFolders.isEmpty()) {
+        QString text = QString::fromLatin1(kFolderNotRead).arg(shownPath(unreadableFolders.first()));
+        if (unreadableFolders.size() == 2)
+            text += QString::fromLatin1(kOneMoreFolderNotRead);
+        else if (unreadableFolders.size() > 2)
+            text += QString::fromLatin1(kMoreFoldersNotRead).arg(unreadableFolders.size() - 1);
+        emit copyResult(kFailure, text);
     }
 }

@@ -1,7 +1,9 @@
 #ifndef VELD_WORKERS_COPYTHREAD_H
 #define VELD_WORKERS_COPYTHREAD_H
 
-#include <QFileInfo>
+#include "pages/pagestate.h"
+
+#include <QByteArray>
 #include <QList>
 #include <QProcess>
 #include <QString>
@@ -17,11 +19,15 @@ class ChildProcess;
  * Transfers the database's data files into one folder on a thread of its own,
  * with the user's own rights: one "/bin/cp -pf SRC TARGET" or "/bin/mv SRC
  * TARGET" per file, in the order of sSourceFiles, each into the folder itself
- * (a tree arrives flat). The first failure stops it; nothing is rolled back.
+ * (a tree arrives flat). A source path too long for the program is handed
+ * over as "./NAME" from the file's own folder. The first failure stops it;
+ * nothing is rolled back.
  *
  * Reports through copyResult (the outcome as it stands: first -100 with "The
  * source database data files couldn't be found.", then 0 after each file, or
  * -100 with the reason at a failure) and copiedFile (files done so far).
+ * After the last file, -100 names the first folder of sUnreadableFolders (the
+ * database is not whole).
  *
  * A child that cannot be started or is ended by a signal fails the transfer
  * with the program's path and its words in processErrorText; a child ended
@@ -49,7 +55,7 @@ public:
     void cancel();
 
     /** The arguments of one transfer: "-pf SRC TARGET" to copy, "SRC TARGET" to move. */
-    static QStringList transferArguments(bool move, const QString &source, const QString &target);
+    static QList<QByteArray> transferArguments(bool move, const QByteArray &source, const QByteArray &target);
 
     /** The text that follows the program's path and ":" when the child failed as a process. */
     static QString processErrorText(QProcess::ProcessError error);
@@ -67,7 +73,8 @@ private:
     bool waitForChild(ChildProcess &child);
 
     const QString path;
-    const QList<QFileInfo> files;
+    const QList<SourceFile> files;
+    const QList<QByteArray> unreadableFolders;
     const bool moveFiles;
     std::atomic<bool> m_cancelled{false};
     // Held for the whole of run(): the destructor takes it after wait(), so that the end of

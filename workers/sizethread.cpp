@@ -4,26 +4,41 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QEventLoop>
 #include <QFile>
 #include <QScopeGuard>
 #include <QTimer>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
 const char *const kDataSuffixes[] = {"qventry", "qvkentry", "qvindex", "qvkindex"};
 
-// One folder's listing, read whole and closed before its sub-folders are
-// entered, so that a deep tree never holds more than one directory open.
+// Folders open at once, at most: deeper down, a folder's descriptor is closed
+// while the walk is below it and opened again through ".." when it comes back.
+const std::size_t kOpenFolders = 64;
+
+const int kFolderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK;
+
+// One folder's listing, read whole before its sub-folders are entered. Its
+// descriptor stays open for opening them, relative to it, so that no path is
+// ever longer than one name.
 struct Listing {
-    QByteArray dir;        // path of the folder, as the walk reached it
+    QByteArray dir;        // absolute path of the folder, as the walk reached it
+    DIR *stream = nullptr; // open while the walk may still enter a sub-folder of it
+    int fd = -1;           // the stream's descriptor, or one opened again through ".."
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool lost = false;     // it could not be opened again: its remaining sub-folders cannot be reached
     struct Entry {
         QByteArray name;
         bool folder;
@@ -31,6 +46,16 @@ struct Listing {
     };
     std::vector<Entry> entries;
     std::size_t next = 0;
+
+    void close()
+    {
+        if (stream)
+            ::closedir(stream);
+        else if (fd >= 0)
+            ::close(fd);
+        stream = nullptr;
+        fd = -1;
+    }
 };
 
 QByteArray joinPath(const QByteArray &dir, const QByteArray &name)
@@ -38,18 +63,32 @@ QByteArray joinPath(const QByteArray &dir, const QByteArray &name)
     return dir.endsWith('/') ? dir + name : dir + '/' + name;
 }
 
-// Reads the folder's sub-folders and data files in the file system's order.
-// Symbolic links and special files are left out; an unreadable folder lists
-// nothing. A data file whose size cannot be read is still listed, with size 0.
-void readListing(Listing &listing, const std::atomic<bool> &cancelled)
+// Takes fd (a folder) and reads its sub-folders and data files in the file
+// system's order. Symbolic links and special files are left out. A data file
+// whose size cannot be read is still listed, with size 0. False when the
+// folder could not be read to its end (what was read stays listed).
+bool readListing(Listing &listing, int fd, const std::atomic<bool> &cancelled)
 {
-    DIR *dir = ::opendir(listing.dir.constData());
-    if (!dir)
-        return;
-    const int fd = ::dirfd(dir);
-    while (const dirent *entry = ::readdir(dir)) {
+    struct stat self;
+    if (::fstat(fd, &self) != 0) {
+        ::close(fd);
+        return false;
+    }
+    listing.device = self.st_dev;
+    listing.inode = self.st_ino;
+    listing.stream = ::fdopendir(fd);
+    if (!listing.stream) {
+        ::close(fd);
+        return false;
+    }
+    listing.fd = fd;
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(listing.stream);
+        if (!entry)
+            return errno == 0;
         if (cancelled.load(std::memory_order_relaxed))
-            break;
+            return true;
         const char *name = entry->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
             continue;
@@ -70,59 +109,80 @@ void readListing(Listing &listing, const std::atomic<bool> &cancelled)
             listing.entries.push_back({QByteArray(name), false, haveStat ? quint64(st.st_size) : 0});
         }
     }
-    ::closedir(dir);
 }
 
 std::atomic<SizeThread::FolderHook> sFolderHook{nullptr};
 
-void listFolder(Listing &listing, const std::atomic<bool> &cancelled, SizeThread::FolderHook hook)
+// The walk behind dirSize: depth-first, one descriptor per folder on the way
+// down (at most kOpenFolders open), so that depth is no obstacle.
+quint64 walk(const QString &path, QList<SourceFile> &list, QList<QByteArray> *unreadable,
+             const std::atomic<bool> &cancelled, SizeThread::FolderHook hook = nullptr)
 {
+    const QByteArray given = QFile::encodeName(path);
+    std::vector<Listing> stack(1);
+    stack.back().dir = QFile::encodeName(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
     if (hook)
-        hook(listing.dir, cancelled);
-    readListing(listing, cancelled);
-}
-
-// The walk behind dirSize. Files directly in path carry path as given; files
-// further down carry the absolute, clean path of their folder.
-quint64 walk(const QString &path, QList<QFileInfo> &list, const std::atomic<bool> &cancelled,
-             SizeThread::FolderHook hook = nullptr)
-{
-    const QFileInfo root(path);
-    if (!root.isDir())
+        hook(given, cancelled);
+    const int rootFd = given.isEmpty() ? -1 : ::open(given.constData(), kFolderFlags);
+    if (rootFd < 0)
         return 0;
-
-    QString top = path;
-    while (top.size() > 1 && top.endsWith(QLatin1Char('/')))
-        top.chop(1);
-    const QString topPrefix = top.endsWith(QLatin1Char('/')) ? top : top + QLatin1Char('/');
+    const auto cannotRead = [&](const QByteArray &folder) {
+        if (unreadable)
+            unreadable->append(folder);
+    };
+    if (!readListing(stack.back(), rootFd, cancelled))
+        cannotRead(stack.back().dir);
 
     quint64 total = 0;
-    std::vector<Listing> stack(1);
-    stack.back().dir = QFile::encodeName(top);
-    listFolder(stack.back(), cancelled, hook);
-    const QByteArray absoluteTop = QFile::encodeName(root.absoluteFilePath());
-
     while (!stack.empty()) {
         if (cancelled.load(std::memory_order_relaxed))
-            return total;
+            break;
         Listing &current = stack.back();
         if (current.next == current.entries.size()) {
+            if (stack.size() > 1) {
+                Listing &parent = stack[stack.size() - 2];
+                const bool needed = std::any_of(parent.entries.begin() + parent.next, parent.entries.end(),
+                                                [](const Listing::Entry &e) { return e.folder; });
+                if (parent.fd < 0 && !parent.lost && needed) {
+                    // The same folder or none: the tree may have changed since the walk went down.
+                    parent.fd = ::openat(current.fd, "..", kFolderFlags);
+                    struct stat again;
+                    if (parent.fd >= 0 && (::fstat(parent.fd, &again) != 0 || again.st_dev != parent.device
+                                           || again.st_ino != parent.inode))
+                        parent.close();
+                    parent.lost = parent.fd < 0;
+                }
+            }
+            current.close();
             stack.pop_back();
             continue;
         }
         const Listing::Entry &entry = current.entries[current.next++];
-        const bool atTop = stack.size() == 1;
-        if (entry.folder) {
-            Listing sub;
-            sub.dir = joinPath(atTop ? absoluteTop : current.dir, entry.name);
-            listFolder(sub, cancelled, hook);
-            stack.push_back(std::move(sub));
-        } else {
+        if (!entry.folder) {
             total += entry.size;
-            list.append(QFileInfo(atTop ? topPrefix + QFile::decodeName(entry.name)
-                                        : QFile::decodeName(joinPath(current.dir, entry.name))));
+            list.append({joinPath(current.dir, entry.name), entry.size});
+            continue;
         }
+        Listing sub;
+        sub.dir = joinPath(current.dir, entry.name);
+        if (hook)
+            hook(sub.dir, cancelled);
+        const int fd = current.lost ? -1 : ::openat(current.fd, entry.name.constData(), kFolderFlags | O_NOFOLLOW);
+        if (fd < 0) {
+            cannotRead(sub.dir);
+            continue;
+        }
+        const bool whole = readListing(sub, fd, cancelled);
+        if (!whole)
+            cannotRead(sub.dir);
+        if (sub.fd < 0)
+            continue;
+        stack.push_back(std::move(sub));
+        if (stack.size() > kOpenFolders)
+            stack[stack.size() - 1 - kOpenFolders].close();
     }
+    for (Listing &open : stack)
+        open.close();
     return total;
 }
 
@@ -186,10 +246,10 @@ bool SizeThread::isDataFileName(const char *name)
     return false;
 }
 
-quint64 SizeThread::dirSize(const QString &path, QList<QFileInfo> &list)
+quint64 SizeThread::dirSize(const QString &path, QList<SourceFile> &list, QList<QByteArray> *unreadable)
 {
     const std::atomic<bool> never{false};
-    return walk(path, list, never);
+    return walk(path, list, unreadable, never);
 }
 
 void SizeThread::setFolderHook(FolderHook hook)
@@ -206,14 +266,16 @@ void SizeThread::run()
 {
     // The thread's last touch of this object, whichever way run ends.
     auto lastTouch = qScopeGuard([this] { std::lock_guard<std::mutex> lock(m_foundMutex); });
-    QList<QFileInfo> found;
-    const quint64 total = walk(path, found, m_cancelled, sFolderHook.load());
+    QList<SourceFile> found;
+    QList<QByteArray> unreadable;
+    const quint64 total = walk(path, found, &unreadable, m_cancelled, sFolderHook.load());
     if (m_cancelled.load())
         return;
     totalSize = total;
     {
         std::lock_guard<std::mutex> lock(m_foundMutex);
         m_found = std::move(found);
+        m_unreadable = std::move(unreadable);
         m_resultReady = true;
     }
     emit pathSize(path, totalSize);
@@ -224,8 +286,10 @@ void SizeThread::publish()
     {
         // The thread has written its last to m_found before the signal that runs this.
         std::lock_guard<std::mutex> lock(m_foundMutex);
-        if (m_cancelled.load())
+        if (m_cancelled.load()) {
             m_found.clear();
+            m_unreadable.clear();
+        }
     }
     sResultList.append(m_found);
     m_published = true;

@@ -1,7 +1,9 @@
 #ifndef VELD_WORKERS_SIZETHREAD_H
 #define VELD_WORKERS_SIZETHREAD_H
 
-#include <QFileInfo>
+#include "pages/pagestate.h"
+
+#include <QByteArray>
 #include <QList>
 #include <QString>
 #include <QThread>
@@ -31,13 +33,16 @@ public:
 
     /**
      * The total size in bytes of the data files below path, each of which is
-     * appended to list in the order the walk meets it. A data file is a regular
-     * file whose complete suffix is exactly qventry, qvkentry, qvindex or
-     * qvkindex. Sub-folders (hidden ones too) are walked depth-first in the file
-     * system's own order; symbolic links and special files are left out. A path
-     * that is not a readable folder gives 0 and appends nothing.
+     * appended to list in the order the walk meets it, with the absolute path
+     * of path and the names below it as the file system has them. A data file
+     * is a regular file whose complete suffix is exactly qventry, qvkentry,
+     * qvindex or qvkindex. Sub-folders (hidden ones too) are walked depth-first
+     * in the file system's own order, at any depth; symbolic links and special
+     * files are left out. A sub-folder that cannot be opened or read to its end
+     * is appended to unreadable (when given), and what could be read of it
+     * counts. A path that is not a readable folder gives 0 and appends nothing.
      */
-    static quint64 dirSize(const QString &path, QList<QFileInfo> &list);
+    static quint64 dirSize(const QString &path, QList<SourceFile> &list, QList<QByteArray> *unreadable = nullptr);
 
     /** True when name's complete suffix is one of the four data suffixes. */
     static bool isDataFileName(const char *name);
@@ -60,7 +65,9 @@ public:
     static bool waitForScans();
 
     /** The files this scan added to sResultList; empty until its result is delivered. Owner's thread only. */
-    QList<QFileInfo> foundFiles() const { return m_published ? m_found : QList<QFileInfo>(); }
+    QList<SourceFile> foundFiles() const { return m_published ? m_found : QList<SourceFile>(); }
+    /** The folders this scan could not read (see dirSize); empty until its result is delivered. Owner's thread only. */
+    QList<QByteArray> unreadableFolders() const { return m_published ? m_unreadable : QList<QByteArray>(); }
 
     /** True while a started scan has not ended or not yet delivered its result. */
     static bool scansPending();
@@ -92,7 +99,8 @@ private:
     // Hands the scan's files to the owner's thread. Its last lock in run() also
     // marks the end of the thread's use of this object for the destructor.
     std::mutex m_foundMutex;
-    QList<QFileInfo> m_found;        // once published, owner's thread only
+    QList<SourceFile> m_found;       // once published, owner's thread only
+    QList<QByteArray> m_unreadable;  // likewise
     bool m_resultReady = false;      // guarded by m_foundMutex
     bool m_published = false;        // owner's thread only
 };
