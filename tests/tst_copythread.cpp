@@ -59,12 +59,21 @@ private slots:
         QTest::newRow("cancelled in the middle of a file") << "copy, cancelled in the pipe" << piped << 1 << "" << x << xz;
         QTest::newRow("destroyed in the middle of a file") << "copy, destroyed in the pipe" << piped << 1 << "" << x << xz;
         QTest::newRow("the copy program killed by a signal") << "copy, killed in the pipe" << piped << 1 << "/bin/cp: crashed." << x << xz;
+        QTest::newRow("killed over a file that was there before: it stays")
+            << "copy, killed in the pipe" << piped + QStringList{"=p.qventry"} << 1 << "/bin/cp: crashed." << QStringList{"p.qventry", "x.qventry"} << xz;
         QTest::newRow("a copy program that cannot be started") << "copy, no program" << three << 0 << "/bin/cp: failed to start." << QStringList() << flat;
         // Faults of the file system and of names.
-        QTest::newRow("copy: deeper than PATH_MAX, a name that is not UTF-8")
-            << "copy" << QStringList{"@deep.qventry", odd} << 2 << "" << QStringList{"deep.qventry", odd} << QStringList{"deep.qventry", odd};
-        QTest::newRow("move: deeper than PATH_MAX, a name that is not UTF-8")
-            << "move" << QStringList{"@deep.qventry", odd} << 2 << "" << QStringList{"deep.qventry", odd} << QStringList();
+        QTest::newRow("the disk fills: the cut copy goes") << "copy on a small disk" << QStringList{"a/x.qventry", "#big.qventry", "z.qvkentry"}
+                                                           << 1 << noRoom << x << QStringList{"big.qventry", "x.qventry", "z.qvkentry"};
+        QTest::newRow("the disk fills over a file that was there before: it stays")
+            << "copy on a small disk" << QStringList{"a/x.qventry", "#big.qventry", "=big.qventry"} << 1 << noRoom
+            << QStringList{"big.qventry", "x.qventry"} << QStringList{"big.qventry", "x.qventry"};
+        QTest::newRow("copy: deeper than PATH_MAX, a name that is not UTF-8, mode 000")
+            << "copy" << QStringList{"@deep.qventry", odd, "!closed.qvindex"} << 3 << "" << QStringList{"closed.qvindex", "deep.qventry", odd}
+            << QStringList{"closed.qvindex", "deep.qventry", odd};
+        QTest::newRow("move: deeper than PATH_MAX, a name that is not UTF-8, mode 000")
+            << "move" << QStringList{"@deep.qventry", odd, "!closed.qvindex"} << 3 << "" << QStringList{"closed.qvindex", "deep.qventry", odd}
+            << QStringList();
     }
 
     void transfer()
@@ -189,6 +198,7 @@ private slots:
         QTest::newRow("three, one very long") << QStringList{"/" + QString(300, 'l') + "/x", "/b", "/c"}
                                               << "-100 " + folder.arg("/" + QString(79, 'l') + " \u2026 " + QString(158, 'l') + "/x")
                                                      + " 2 other folders of it could not be read either.";
+        QTest::newRow("a file that cannot be made readable for all") << QStringList() << "-100 The installed file /mnt/dest/o.qventry could not be made readable for all users.";
     }
 
     // After the transfer, the outcome says what is missing or not readable. The file of the last row is root's, with

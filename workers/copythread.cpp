@@ -4,6 +4,7 @@
 #include "platform/childprocess.h"
 
 #include <QFile>
+#include <QSet>
 
 #include <cerrno>
 #include <climits>
@@ -18,10 +19,12 @@ const char kNoFiles[] = "The source database data files couldn't be found.";
 const char kFolderNotRead[] = "The folder %1 of the source database could not be read, so its data files were not installed.";
 const char kOneMoreFolderNotRead[] = " One other folder of it could not be read either.";
 const char kMoreFoldersNotRead[] = " %1 other folders of it could not be read either.";
+const char kNotReadable[] = "The installed file %1 could not be made readable for all users.";
 const int kFailure = -100;
 const int kCancelPollMs = 100;
 // Longer paths are elided in the middle when shown.
 const int kShownPathLength = 240;
+const mode_t kReadableByAll = S_IRUSR | S_IRGRP | S_IROTH;
 
 // A path as the outcome shows it: decoded, a very long one elided in the
 // middle, and breakable after each "/" so that it wraps rather than being cut.
@@ -132,11 +135,15 @@ void CopyThread::unpriviledgedCopy()
     umask(022);
 
     ChildProcess child;
+    QSet<QByteArray> made;    // the targets that this run created
+    QByteArray notReadable;   // the first installed file that could not be made readable for all
     int count = 0;
     for (const SourceFile &file : files) {
         if (m_cancelled)
             return;
         const QByteArray name = file.fileName(), targetFile = target + name;
+        struct stat status;
+        const bool existed = ::lstat(targetFile.constData(), &status) == 0 && !made.contains(name);
         // A path too long for the program is handed over from the file's own folder.
         QByteArray source = file.path;
         Descriptor folder;
@@ -145,10 +152,11 @@ void CopyThread::unpriviledgedCopy()
         std::vector<std::string> arguments;
         for (const QByteArray &argument : transferArguments(moveFiles, source, target))
             arguments.push_back(argument.toStdString());
-        // Never leave a cut data file behind; a move that went through keeps its file.
+        // Never leave a cut data file behind, nor remove one that was there before this run;
+        // a move that went through keeps its file.
         const auto removeCut = [&] {
             struct stat left;
-            if ((!moveFiles || ::fstatat(folder.fd >= 0 ? folder.fd : AT_FDCWD, source.constData(), &left, AT_SYMLINK_NOFOLLOW) == 0))
+            if (!existed && (!moveFiles || ::fstatat(folder.fd >= 0 ? folder.fd : AT_FDCWD, source.constData(), &left, AT_SYMLINK_NOFOLLOW) == 0))
                 ::unlink(targetFile.constData());
         };
         const auto failAs = [&](QProcess::ProcessError error) {
@@ -165,10 +173,17 @@ void CopyThread::unpriviledgedCopy()
         const QByteArray &complaint = child.standardError();
         // An empty standard error is success, whatever the exit code.
         if (complaint.isEmpty()) {
+            made.insert(name);
+            // The database is for every user of the machine.
+            if (::lstat(targetFile.constData(), &status) == 0 && S_ISREG(status.st_mode)
+                && (status.st_mode & kReadableByAll) != kReadableByAll && ::chmod(targetFile.constData(), 0644) != 0
+                && notReadable.isEmpty())
+                notReadable = targetFile;
             emit copyResult(0, QString());
             emit copiedFile(++count);
             continue;
         }
+        removeCut();
         fprintf(stderr, "VELDV400 Installer: %s", complaint.constData());
         fflush(stderr);
         emit copyResult(kFailure, QStringLiteral("Error message is:\n") + QString::fromUtf8(complaint.constData()));
@@ -181,5 +196,7 @@ void CopyThread::unpriviledgedCopy()
         else if (unreadableFolders.size() > 2)
             text += QString::fromLatin1(kMoreFoldersNotRead).arg(unreadableFolders.size() - 1);
         emit copyResult(kFailure, text);
+    } else if (!notReadable.isEmpty()) {
+        emit copyResult(kFailure, QString::fromLatin1(kNotReadable).arg(shownPath(notReadable)));
     }
 }

@@ -21,17 +21,19 @@ class ChildProcess;
  * TARGET" per file, in the order of sSourceFiles, each into the folder itself
  * (a tree arrives flat). A source path too long for the program is handed
  * over as "./NAME" from the file's own folder. The first failure stops it;
- * nothing is rolled back.
+ * what arrived whole stays. Each file that arrives not readable by all is
+ * made so (mode 0644).
  *
  * Reports through copyResult (the outcome as it stands: first -100 with "The
  * source database data files couldn't be found.", then 0 after each file, or
  * -100 with the reason at a failure) and copiedFile (files done so far).
  * After the last file, -100 names the first folder of sUnreadableFolders (the
- * database is not whole).
+ * database is not whole), else the first file that could not be made readable.
  *
  * A child that cannot be started or is ended by a signal fails the transfer
  * with the program's path and its words in processErrorText; a child ended
- * by a signal, like a cancelled one, leaves no cut file.
+ * by a signal, like a cancelled one or one that failed, leaves no cut file:
+ * the target is removed unless it was in the folder before this run.
  *
  * The file list and the choice between moving and copying are taken when the
  * object is made, on the user-interface thread.
