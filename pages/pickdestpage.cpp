@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -44,6 +45,14 @@ bool movesWithinVolume(const QString &probeFolder)
 }
 
 } // namespace
+
+quint64 bytesInBlocks(const QList<SourceFile> &files, quint64 blockSize)
+{
+    quint64 total = 0;
+    for (const SourceFile &file : files)
+        total += blockSize ? (file.size + blockSize - 1) / blockSize * blockSize : file.size;
+    return total;
+}
 
 QString probeFolderFor(const QString &destination)
 {
@@ -172,9 +181,16 @@ bool PickDestPage::validatePage()
 
     sCopyFiles = false;
     CDfProcess df(nullptr);
-    df.Run(QFile::decodeName(QByteArray::fromStdString(spaceProbeFolder(encoded(probeFolder)))));
+    const std::string measured = spaceProbeFolder(encoded(probeFolder));
+    df.Run(QFile::decodeName(QByteArray::fromStdString(measured)));
     const qint64 available = df.TotalAvailable() * kBytesPerReportedMebibyte;
-    const qint64 shortage = qint64(double(dbSize) - double(available));
+    qint64 shortage = qint64(double(dbSize) - double(available));
+    if (shortage < 0) {
+        // Each file takes whole blocks there: many small files need more room than their bytes.
+        struct statvfs disk;
+        const quint64 blockSize = ::statvfs(measured.c_str(), &disk) == 0 ? (disk.f_frsize ? disk.f_frsize : disk.f_bsize) : 0;
+        shortage = qint64(double(bytesInBlocks(sSourceFiles, blockSize)) - double(available));
+    }
     if (shortage < 0)
         return true;
     setSubTitle(tr("The selected disk does not have enough free space to store the database (%1 additional "

@@ -1,6 +1,8 @@
 #ifndef VELD_PAGES_PICKDESTPAGE_H
 #define VELD_PAGES_PICKDESTPAGE_H
 
+#include "pagestate.h"
+
 #include <QWizardPage>
 
 class QLineEdit;
@@ -14,6 +16,9 @@ class QPushButton;
  */
 QString probeFolderFor(const QString &destination);
 
+/** The room files take on a disk of blockSize-byte blocks: each size rounded up to whole blocks (0: bytes as they are). */
+quint64 bytesInBlocks(const QList<SourceFile> &files, quint64 blockSize);
+
 /**
  * The amount the destination lacks, for the user: whole GB above 10^9 bytes,
  * whole MB above 10^6, else whole KB, the remainder dropped and two zero
@@ -25,7 +30,7 @@ QString shortageText(qint64 shortage);
  * The third page: proposes the database's destination, lets the user pick
  * another parent folder, and on Continue decides between moving (same volume
  * as the source) and copying, refusing a copy that the destination's free
- * space cannot hold. Publishes the destination as the mandatory field "path"
+ * space cannot hold, in bytes or in the destination's whole blocks. Publishes the destination as the mandatory field "path"
  * and the decision as sCopyFiles.
  */
 class PickDestPage : public QWizardPage

@@ -441,7 +441,8 @@ private slots:
     void decide_data()
     {
         QTest::addColumn<QString>("setup");   // shell commands in the row's namespace; "$1" is the layout
-        QTest::addColumn<qint64>("sourceBytes");
+        QTest::addColumn<qint64>("sourceBytes");   // of each file
+        QTest::addColumn<int>("files");
         QTest::addColumn<QString>("chosen");   // a folder of the layout, or "" for the default destination
         QTest::addColumn<QString>("expect");   // "move", "copy" or "refuse:" and the amount shown
         // An 8 MiB disk: df reports 8192 KiB free, which counts as 8,000,000 bytes. A move needs no
@@ -449,27 +450,34 @@ private slots:
         const QString other = "mount -t tmpfs -o size=8m tmpfs \"$1/Other Disk é\"";
         const QString fullSource = "mount -t tmpfs -o size=1m tmpfs \"$1/VELDV400\" && { cat /dev/zero > \"$1/VELDV400/filler\" "
                                    "2>/dev/null; [ $(df -k --output=avail \"$1/VELDV400\" | tail -n 1) -lt 1024 ]; }";
-        QTest::newRow("other disk, room") << other << qint64(7999999) << "Other Disk é" << "copy";
-        QTest::newRow("other disk, free space equal to the size") << other << qint64(8000000) << "Other Disk é" << "refuse:0.00 KB";
-        QTest::newRow("same disk, full") << fullSource << qint64(5000000000) << "VELDV400" << "move";
+        QTest::newRow("other disk, room to the last block") << other << qint64(7995392) << 1 << "Other Disk é" << "copy";
+        QTest::newRow("other disk, room for the bytes but not the last block") << other << qint64(7999999) << 1 << "Other Disk é" << "refuse:3.00 KB";
+        QTest::newRow("other disk, free space equal to the size") << other << qint64(8000000) << 1 << "Other Disk é" << "refuse:0.00 KB";
+        // Each file takes whole 4,096-byte blocks there: 4,097 bytes take two, so 977 files hold 4,002,769 bytes in
+        // 8,003,584 bytes of blocks (and 7,999,999 bytes take 8,003,584 too).
+        QTest::newRow("other disk, small files whose blocks do not fit") << other << qint64(4097) << 977 << "Other Disk é" << "refuse:3.00 KB";
+        QTest::newRow("same disk, full") << fullSource << qint64(5000000000) << 1 << "VELDV400" << "move";
         QTest::newRow("source on a disk of its own, destination beside the earlier entry")
-            << "mount -t tmpfs tmpfs \"$1/VELDV400\"" << qint64(1000) << "Other Disk é" << "copy";
+            << "mount -t tmpfs tmpfs \"$1/VELDV400\"" << qint64(1000) << 1 << "Other Disk é" << "copy";
         QTest::newRow("default, measured on the shared parent")
             << "mount -t tmpfs tmpfs /usr/local && mkdir /usr/local/share && mount -t tmpfs -o size=8m tmpfs /usr/local/share"
-            << qint64(8000000) << "" << "refuse:0.00 KB";
+            << qint64(8000000) << 1 << "" << "refuse:0.00 KB";
         QTest::newRow("default, no shared parent, so its nearest ancestor")
-            << "mount -t tmpfs -o size=8m tmpfs /usr/local" << qint64(8000000) << "" << "refuse:0.00 KB";
+            << "mount -t tmpfs -o size=8m tmpfs /usr/local" << qint64(8000000) << 1 << "" << "refuse:0.00 KB";
     }
 
     void decide()
     {
         QFETCH(QString, setup);
         QFETCH(qint64, sourceBytes);
+        QFETCH(int, files);
         QFETCH(QString, chosen);
         QFETCH(QString, expect);
         if (!inChild())
             return runInLayout(kDestLayout, setup);
         QVERIFY(makeFile(layoutFolder() + "/VELDV400/data/a.qventry", sourceBytes));   // sparse
+        for (int n = 1; n < files; ++n)
+            QVERIFY(makeFile(layoutFolder() + QStringLiteral("/VELDV400/data/%1.qventry").arg(n), sourceBytes));
         // An entry of an earlier source, on the layout's own disk, stays in the list without deciding anything.
         QVERIFY(makeFile(layoutFolder() + "/earlier.qventry", 0));
         sResultList = {SourceFile{QFile::encodeName(layoutFolder() + "/earlier.qventry"), 0}};
