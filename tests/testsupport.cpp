@@ -376,6 +376,7 @@ void answerMessageBoxes(bool escape)
         answeredMessageBoxes << QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
                                               QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
                                       .join('|');
+        answeredMessageBoxLayouts << QString::number(box->width()) + '|' + box->detailedText();
         if (escape)
             QTest::keyClick(box, Qt::Key_Escape);
         else
@@ -385,6 +386,7 @@ void answerMessageBoxes(bool escape)
 }
 
 QStringList answeredMessageBoxes;
+QStringList answeredMessageBoxLayouts;
 QString folderDialogSeen;
 
 void answerFolderDialog(const QString &folder)

@@ -131,6 +131,8 @@ void choose(QWizard &wizard, const QString &folder);
 // answeredMessageBoxes as "TITLE|TEXT|INFORMATIVE|BUTTONS|ICON" (the default button marked "*").
 void answerMessageBoxes(bool escape);
 extern QStringList answeredMessageBoxes;
+// The same boxes as "WIDTH|DETAILED TEXT", the width in pixels as shown.
+extern QStringList answeredMessageBoxLayouts;
 
 // Holds a scan at a folder until the test lets it go, so that a test meets a scan in the state it needs whatever the
 // machine's speed. Once closed, the first scan to reach its second folder (its first one listed) waits there until

@@ -69,6 +69,22 @@ QStringList cutTexts(QWizard &wizard)
     return cut;
 }
 
+// A name of 120 characters with no place to break a line, and one with blanks.
+const QString kLongFolder = "Disk/" + QString("x").repeated(120) + "/ein Ordner mit Leerzeichen und Umlauten äöü";
+
+// The first box answered was at most as wide as the wizard, and said text: in full (where it may break), or cut
+// with the whole in its details area.
+bool fitsWizard(QWizard &wizard, const QString &text)
+{
+    const QString shown = answeredMessageBoxes.value(0).section('|', 1, 1).remove(QChar(0x200B));
+    const QString width = answeredMessageBoxLayouts.value(0).section('|', 0, 0), details = answeredMessageBoxLayouts.value(0).section('|', 1);
+    const bool whole = shown == text || (shown.contains(QChar(0x2026)) && details == text);
+    if (whole && width.toInt() > 0 && width.toInt() <= wizard.width())
+        return true;
+    qWarning("%s wide (the wizard %d):\n%s\ndetails: %s", qPrintable(width), wizard.width(), qPrintable(shown), qPrintable(details));
+    return false;
+}
+
 } // namespace
 
 class tst_Wizard : public QObject
@@ -229,6 +245,18 @@ private slots:
         again.show();
         QTest::keyClick(again.windowHandle(), Qt::Key_Escape);
         QVERIFY(!again.isVisible() && again.result() == QDialog::Rejected);
+    }
+
+    // An information box naming a path too long for a few lines, cut in its middle, stays as wide as the wizard at most.
+    void longTextInBox()
+    {
+        VELD_Installer wizard;
+        wizard.show();
+        answerMessageBoxes(false);
+        const QString text = "VELD Installer could not read " + QDir::homePath() + "/" + kLongFolder + QString("/y").repeated(150)
+                             + "/entry.qventry, a path too long to show whole.";
+        installInfoDialog(text.toUtf8().constData(), nullptr);
+        QVERIFY(fitsWizard(wizard, text) && answeredMessageBoxLayouts.value(0).section('|', 1) == text);
     }
 
     void fixedSource_data()
