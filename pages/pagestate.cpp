@@ -4,6 +4,7 @@
 
 QList<QFileInfo> sResultList;
 QList<QFileInfo> sSourceFiles;
+QString sSourceFolder;
 bool sCopyFiles = false;
 
 QSpacerItem *sideSpacer()

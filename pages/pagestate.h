@@ -22,6 +22,9 @@ extern QList<QFileInfo> sResultList;
  */
 extern QList<QFileInfo> sSourceFiles;
 
+/** The folder that the scan behind sSourceFiles measured; empty until a result is shown. */
+extern QString sSourceFolder;
+
 /**
  * The destination page's decision, made anew at each Continue there: true when
  * the files are to be MOVED (source and destination on the same volume), false

@@ -122,19 +122,19 @@ bool SourcePage::isCurrentScan() const
     return !from || from == sizeThread;
 }
 
-void SourcePage::takeResult(quint64 finishedSize)
+void SourcePage::takeResult(const QString &folder, quint64 finishedSize)
 {
     dbSize = finishedSize;
+    sSourceFolder = folder;
     sSourceFiles = sizeThread ? sizeThread->foundFiles() : QList<QFileInfo>();
 }
 
 void SourcePage::updateDBSize(QString path, quint64 finishedSize)
 {
-    Q_UNUSED(path)
     if (!isCurrentScan())
         return;
     statusLabel->setText(QString::fromLatin1(kFixedSize).arg(sizeFigure(finishedSize)));
-    takeResult(finishedSize);
+    takeResult(path, finishedSize);
     setButtonText(QWizard::NextButton, QString::fromLatin1(kContinue));
     delete sizeThread;
 }
@@ -156,7 +156,7 @@ void SourcePage::customDBSourceLocation(QString path, quint64 finishedSize)
         message = QString::fromLatin1(kChosenEmpty).arg(folderName);
     }
     statusLabel->setText(message);
-    takeResult(finishedSize);
+    takeResult(path, finishedSize);
     delete sizeThread;
 }
 

@@ -45,6 +45,8 @@ struct ChildRow {
 inline bool inChild() { return qEnvironmentVariableIsSet("VELD_TEST_CHILD"); }
 /** Runs the current row as row says and fails it unless it passed in the child. */
 void runRowInChild(const ChildRow &row = ChildRow());
+/** The command that runs the current row as row says, and its environment in *env (for a child the test ends itself). */
+QStringList childRowCommand(const ChildRow &row, QProcessEnvironment *env);
 
 QByteArray fileBytes(const QString &path);
 inline QString fileText(const QString &path) { return QString::fromUtf8(fileBytes(path)); }
