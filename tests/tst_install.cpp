@@ -241,6 +241,8 @@ private slots:
             const QStringList first = childRowCommand({program, {asUser(user), inPrivateMounts(
                 "cp /bin/mv \"$1/real-mv\" && mount --bind \"$1/mv\" \"$(readlink -f /bin/mv)\" && " + xdg, {layout.path()})}, env}, &env);
             QProcess installer;
+            // Should a step fail, the stand-in is let go too, unless it has not reached the pipe yet.
+            const auto letGo = qScopeGuard([&] { ::close(::open(QFile::encodeName(gate).constData(), O_WRONLY | O_NONBLOCK)); });
             installer.setProcessEnvironment(env);
             installer.start(first.first(), first.mid(1));
             QVERIFY(installer.waitForStarted(60000));
