@@ -93,18 +93,12 @@ bool writeAll(int fd, const QByteArray &text)
     return ::fsync(fd) == 0;
 }
 
-} // namespace
-
-QString moveJournalPath()
-{
-    return QFile::decodeName(QByteArray::fromStdString(journalFile()));
-}
-
 QByteArray moveRecordText(const MoveRecord &record)
 {
     return kHeading + '\n' + kSourceKey + encoded(record.source) + '\n' + kDestinationKey + encoded(record.destination) + '\n';
 }
 
+// False, leaving *record alone, unless text is exactly a record with two absolute paths.
 bool parseMoveRecord(const QByteArray &text, MoveRecord *record)
 {
     const QList<QByteArray> lines = text.split('\n');
@@ -121,6 +115,13 @@ bool parseMoveRecord(const QByteArray &text, MoveRecord *record)
         return false;
     *record = {source, destination};
     return true;
+}
+
+} // namespace
+
+QString moveJournalPath()
+{
+    return QFile::decodeName(QByteArray::fromStdString(journalFile()));
 }
 
 JournalState takeInterruptedMove(MoveRecord *record)
@@ -168,11 +169,6 @@ JournalState recordMove(const MoveRecord &record)
     }
     sRecordFd = fd;
     return JournalState::Recorded;
-}
-
-bool holdsMoveRecord()
-{
-    return sRecordFd >= 0;
 }
 
 void forgetMove()

@@ -38,12 +38,6 @@ enum class JournalState {
 /** The journal file's path. */
 QString moveJournalPath();
 
-/** The record's bytes; parseMoveRecord's inverse. */
-QByteArray moveRecordText(const MoveRecord &record);
-
-/** False, leaving *record alone, unless text is exactly a record with two absolute paths. */
-bool parseMoveRecord(const QByteArray &text, MoveRecord *record);
-
 /**
  * Looks for a record left by an earlier run. Interrupted: *record filled, and
  * this process now holds the record (Recorded from then on). Otherwise None,
@@ -58,9 +52,6 @@ JournalState takeInterruptedMove(MoveRecord *record);
  * left as it is; Failed when it could not be written.
  */
 JournalState recordMove(const MoveRecord &record);
-
-/** Whether this process holds a record. */
-bool holdsMoveRecord();
 
 /** The move is complete, or there is nothing to complete: removes the record this process holds. */
 void forgetMove();
