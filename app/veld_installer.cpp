@@ -37,8 +37,10 @@ VELD_Installer::VELD_Installer(QWidget *parent)
     setPage(kEulaPageId, new EulaPage);
     setPage(kSourcePageId, new SourcePage);
     setPage(kPickDestPageId, new PickDestPage);
-    setPage(kConclusionPageId, new ConclusionPage);
-    setStartId(kEulaPageId);
+    auto *conclusion = new ConclusionPage;
+    setPage(kConclusionPageId, conclusion);
+    // A move that an earlier run left unfinished is completed before anything else.
+    setStartId(conclusion->takeInterruptedMove() ? kConclusionPageId : kEulaPageId);
 
     setWindowTitle(defaultTitle());
 }

@@ -1,6 +1,10 @@
 #ifndef VELD_PAGES_CONCLUSIONPAGE_H
 #define VELD_PAGES_CONCLUSIONPAGE_H
 
+#include "pages/pagestate.h"
+
+#include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QWizardPage>
 
@@ -30,6 +34,13 @@ public:
     bool isComplete() const override;
     int nextId() const override;
 
+    /**
+     * Takes over the record of a move that an earlier run left unfinished (movejournal.h), if there is one, and
+     * tells the person what becomes of it. True when this page is to complete that move into the same folder:
+     * the wizard then starts on this page. Call once, from the wizard's constructor.
+     */
+    bool takeInterruptedMove();
+
     /** The subtitle for a result code other than success. */
     static QString failureText(int errCode, const QString &errMsg);
 
@@ -45,6 +56,11 @@ private:
     /** Whether other users may rename or replace entries of folder: writable by its group or others, without the sticky bit. */
     static bool isChangeableByOthers(const QString &folder);
     void setBackEnabled(bool enabled);
+    // The person is asked before an earlier run's move is completed; then its source is measured anew.
+    void offerResume();
+    void resumeScanned();
+    // False, with the outcome shown, when another installer's move stands in the way of this one.
+    bool recordThisMove();
 
     QString errMsg;
     bool complete = false;
@@ -54,6 +70,11 @@ private:
     QProgressBar *progressBar;
     CopyThread *copyThread = nullptr;
     bool preparing = false;
+    int moved = 0;
+    // While completing an earlier run's move: its source, and the data files left there.
+    QString resumeSource;
+    QList<SourceFile> resumeFiles;
+    QList<QByteArray> resumeUnreadable;
 };
 
 #endif

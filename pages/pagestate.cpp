@@ -5,6 +5,7 @@
 QList<SourceFile> sResultList;
 QList<SourceFile> sSourceFiles;
 QList<QByteArray> sUnreadableFolders;
+QString sSourceFolder;
 bool sCopyFiles = false;
 
 QSpacerItem *sideSpacer()

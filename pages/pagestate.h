@@ -45,6 +45,9 @@ extern QList<SourceFile> sSourceFiles;
  */
 extern QList<QByteArray> sUnreadableFolders;
 
+/** The folder that the scan behind sSourceFiles measured; empty until a result is shown. */
+extern QString sSourceFolder;
+
 /**
  * The destination page's decision, made anew at each Continue there: true when
  * the files are to be MOVED (source and destination on the same volume), false

@@ -122,20 +122,20 @@ bool SourcePage::isCurrentScan() const
     return !from || from == sizeThread;
 }
 
-void SourcePage::takeResult(quint64 finishedSize)
+void SourcePage::takeResult(const QString &folder, quint64 finishedSize)
 {
     dbSize = finishedSize;
+    sSourceFolder = folder;
     sSourceFiles = sizeThread ? sizeThread->foundFiles() : QList<SourceFile>();
     sUnreadableFolders = sizeThread ? sizeThread->unreadableFolders() : QList<QByteArray>();
 }
 
 void SourcePage::updateDBSize(QString path, quint64 finishedSize)
 {
-    Q_UNUSED(path)
     if (!isCurrentScan())
         return;
     statusLabel->setText(QString::fromLatin1(kFixedSize).arg(sizeFigure(finishedSize)));
-    takeResult(finishedSize);
+    takeResult(path, finishedSize);
     setButtonText(QWizard::NextButton, QString::fromLatin1(kContinue));
     delete sizeThread;
 }
@@ -157,7 +157,7 @@ void SourcePage::customDBSourceLocation(QString path, quint64 finishedSize)
         message = QString::fromLatin1(kChosenEmpty).arg(folderName);
     }
     statusLabel->setText(message);
-    takeResult(finishedSize);
+    takeResult(path, finishedSize);
     delete sizeThread;
 }
 

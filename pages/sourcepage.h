@@ -46,7 +46,7 @@ private:
     void startScan(const QString &folder, void (SourcePage::*resultSlot)(QString, quint64));
     bool isCurrentScan() const;
     // The size and files of the scan whose result is shown now.
-    void takeResult(quint64 finishedSize);
+    void takeResult(const QString &folder, quint64 finishedSize);
 
     QLabel *statusLabel;
     QPushButton *findButton;

@@ -91,6 +91,11 @@ bool MacWriteGlobalDefaultSetting(const QString &domain, const char *key, const 
     return started;
 }
 
+std::string userPreferencesFolder()
+{
+    return osUserPreferencesFolder();
+}
+
 std::string prefReadAppValue(const char *domain, const char *key)
 {
     if (!domain || !*domain || !key || !*key)

@@ -56,6 +56,10 @@ bool MacWriteGlobalDefaultSetting(const QString &domain, const char *key, const 
  */
 std::string prefReadAppValue(const char *domain, const char *key);
 
+/** The current user's own preference folder (Linux: $XDG_CONFIG_HOME, default ~/.config; macOS:
+ *  ~/Library/Preferences), as bytes, without a trailing '/'; it may not exist yet. */
+std::string userPreferencesFolder();
+
 /** text in Mac Roman, '?' for each character outside it; empty when the bytes and their
  *  terminator would not fit in capacity. */
 QByteArray macRomanFromText(const QString &text, size_t capacity);

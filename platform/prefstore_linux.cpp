@@ -66,6 +66,11 @@ void osPrefAppSynchronize(const QString &)
     // Every read goes to the files themselves: there is no cached view to refresh.
 }
 
+std::string osUserPreferencesFolder()
+{
+    return QFile::encodeName(userConfigFolder()).toStdString();
+}
+
 std::string osSystemPreferencesFolder()
 {
     return std::string(kSystemPreferencesFolder) + "/";

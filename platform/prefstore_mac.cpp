@@ -4,6 +4,8 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+#include <cstdlib>
+
 bool osPrefCopyValue(PrefSearch search, const QString &domain, const QString &key, QString *value)
 {
     CFStringRef domainRef = domain.toCFString();
@@ -48,6 +50,12 @@ void osPrefAppSynchronize(const QString &domain)
     CFStringRef domainRef = domain.toCFString();
     CFPreferencesAppSynchronize(domainRef);
     CFRelease(domainRef);
+}
+
+std::string osUserPreferencesFolder()
+{
+    const char *home = getenv("HOME");
+    return std::string(home ? home : "") + "/Library/Preferences";
 }
 
 std::string osSystemPreferencesFolder()

@@ -23,6 +23,9 @@ bool osPrefSetAppValue(const QString &domain, const QString &key, const QString 
 /** Refreshes this process's view of domain after another process wrote it. */
 void osPrefAppSynchronize(const QString &domain);
 
+/** The current user's own preference folder, without a trailing '/'. */
+std::string osUserPreferencesFolder();
+
 /** The folder of the system-wide preference files, with its trailing '/'. */
 std::string osSystemPreferencesFolder();
 

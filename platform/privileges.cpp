@@ -3,11 +3,11 @@
 #include "authority.h"
 #include "locations.h"
 #include "log.h"
+#include "messagebox.h"
 #include "texts.h"
 #include "users.h"
 
 #include <QMessageBox>
-#include <QPixmap>
 #include <QPushButton>
 
 #include <cerrno>
@@ -28,19 +28,6 @@ const mode_t kUserMode = 0755;
 const mode_t kExpectedParentMode = 040775;
 const mode_t kDirectoryBit = 040000;
 const mode_t kGroupWriteBit = 020;
-
-QString dialogTitle()
-{
-    return QStringLiteral("%1 Install").arg(QLatin1String(kProgramName));
-}
-
-void prepareBox(QMessageBox &box)
-{
-    if (gSplashScreen)
-        gSplashScreen->hide();
-    box.setIconPixmap(QPixmap(QStringLiteral(":/images/app_64.png")));
-    box.setWindowTitle(dialogTitle());
-}
 
 // Asks for rights unless an authority exists already (one password per run).
 bool haveAuthority()
@@ -90,11 +77,9 @@ bool isUserInGroup(const char *group)
 void installInfoDialog(const char *text, const char *informative)
 {
     QMessageBox box;
-    prepareBox(box);
-    if (text)
-        box.setText(QString::fromUtf8(text));
+    prepareMessageBox(box, text ? QString::fromUtf8(text) : QString());
     if (informative)
-        box.setInformativeText(QString::fromUtf8(informative));
+        box.setInformativeText(wrappableText(QString::fromUtf8(informative)));
     box.exec();
 }
 
@@ -108,8 +93,7 @@ int establishPrivsForSetup()
                              + QStringLiteral("For the Name/password prompts that follow, you will need to supply the ")
                              + QStringLiteral("name and and password of ANOTHER user with admistrator privileges. ");
         QMessageBox box;
-        prepareBox(box);
-        box.setText(text);
+        prepareMessageBox(box, text);
         QPushButton *cancel = box.addButton(QStringLiteral("Cancel Installation"), QMessageBox::RejectRole);
         box.setDefaultButton(cancel);
         box.exec();

@@ -81,19 +81,29 @@ QStringList wrapped(QStringList command, const QList<Wrap> &wraps)
     return command;
 }
 
-void runRowInChild(const ChildRow &row)
+QStringList childRowCommand(const ChildRow &row, QProcessEnvironment *env)
 {
     QString program = QCoreApplication::applicationFilePath();
     if (!row.copyTo.isEmpty()) {
         if (!writeFile(row.copyTo, fileBytes(program), 0755))
-            return QTest::qFail("cannot copy the test program", __FILE__, __LINE__);
+            return QStringList();
         program = row.copyTo;
     }
     const QString function = QString::fromLatin1(QTest::currentTestFunction());
     const QString tag = QString::fromUtf8(QTest::currentDataTag());
-    QProcessEnvironment env = row.env;
-    env.insert("VELD_TEST_CHILD", "1");
-    const QStringList command = wrapped({program, tag.isEmpty() ? function : function + ':' + tag}, row.wraps);
+    *env = row.env;
+    env->insert("VELD_TEST_CHILD", "1");
+    return wrapped({program, tag.isEmpty() ? function : function + ':' + tag}, row.wraps);
+}
+
+void runRowInChild(const ChildRow &row)
+{
+    QProcessEnvironment env;
+    const QStringList command = childRowCommand(row, &env);
+    if (command.isEmpty())
+        return QTest::qFail("cannot copy the test program", __FILE__, __LINE__);
+    const QString function = QString::fromLatin1(QTest::currentTestFunction());
+    const QString tag = QString::fromUtf8(QTest::currentDataTag());
     const ProcessResult child = runProcess(command, env);
     const QString passed = QStringLiteral("PASS   : %1::%2(%3)").arg(QTest::testObject()->metaObject()->className(), function, tag);
     if (child.exitCode != 0 || !child.out.contains(passed)) {
@@ -376,6 +386,7 @@ void answerMessageBoxes(bool escape)
         answeredMessageBoxes << QStringList{box->windowTitle(), box->text(), box->informativeText(), buttons.join(','),
                                               QStringLiteral("%1x%2").arg(icon.width()).arg(icon.height())}
                                       .join('|');
+        answeredMessageBoxLayouts << QString::number(box->width()) + '|' + box->detailedText();
         if (escape)
             QTest::keyClick(box, Qt::Key_Escape);
         else
@@ -385,6 +396,7 @@ void answerMessageBoxes(bool escape)
 }
 
 QStringList answeredMessageBoxes;
+QStringList answeredMessageBoxLayouts;
 QString folderDialogSeen;
 
 void answerFolderDialog(const QString &folder)

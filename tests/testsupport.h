@@ -45,6 +45,8 @@ struct ChildRow {
 inline bool inChild() { return qEnvironmentVariableIsSet("VELD_TEST_CHILD"); }
 /** Runs the current row as row says and fails it unless it passed in the child. */
 void runRowInChild(const ChildRow &row = ChildRow());
+/** The command that runs the current row as row says, and its environment in *env (for a child the test ends itself). */
+QStringList childRowCommand(const ChildRow &row, QProcessEnvironment *env);
 
 QByteArray fileBytes(const QString &path);
 inline QString fileText(const QString &path) { return QString::fromUtf8(fileBytes(path)); }
@@ -133,6 +135,8 @@ void choose(QWizard &wizard, const QString &folder);
 // answeredMessageBoxes as "TITLE|TEXT|INFORMATIVE|BUTTONS|ICON" (the default button marked "*").
 void answerMessageBoxes(bool escape);
 extern QStringList answeredMessageBoxes;
+// The same boxes as "WIDTH|DETAILED TEXT", the width in pixels as shown.
+extern QStringList answeredMessageBoxLayouts;
 
 // Holds a scan at a folder until the test lets it go, so that a test meets a scan in the state it needs whatever the
 // machine's speed. Once closed, the first scan to reach its second folder (its first one listed) waits there until

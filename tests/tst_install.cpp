@@ -200,6 +200,98 @@ private slots:
         QCOMPARE(dataFiles(source), sCopyFiles ? QStringList() : kept);
         QCOMPARE(MacReadGlobalDefaultSetting(kPrefDomain, kPrefKey), preference ? dest.toUtf8() : QByteArray());
     }
+
+    // A move on the source's disk, the installer killed (SIGKILL) once 3 of 6 files are moved: the next run says so,
+    // moves the rest into the same folder and records it. The move program is held by a stand-in that moves 3 files
+    // with the real mv, then waits on a pipe that this test holds.
+    void interruptedMove()
+    {
+        REQUIRE_PRIVILEGED();
+        if (throughPkexec())
+            QSKIP("the launcher plays no part here; tst_install runs this row");
+        const QString user = "veldadmin", journal = "/com.halvorn.VELDInstaller.move";
+        const QString installed = "Database Installed|The Quorvan Spectra and Properties Database is now ready for use.";
+        if (!inChild()) {
+            QTemporaryDir layout(m_dir.filePath("move-XXXXXX"));
+            const QString source = layout.filePath("VELDV400"), parent = layout.filePath("Disk"), dest = parent + "/VELDV400";
+            QStringList all;
+            for (int i = 1; i <= 6; ++i) {
+                QVERIFY(writeFile(source + QStringLiteral("/sub%1/d%2.qventry").arg(i % 2).arg(i), QByteArray(1000, 'x')));
+                all << QStringLiteral("d%1.qventry:1000").arg(i);
+            }
+            const QString gate = layout.filePath("gate");
+            QVERIFY(QDir().mkpath(parent) && QDir().mkpath(layout.filePath("home")) && QDir().mkpath(layout.filePath("xdg"))
+                    && createCountingLauncher(m_dir.path()) && ::mkfifo(QFile::encodeName(gate).constData(), 0600) == 0
+                    && writeFile(layout.filePath("moved"), "0\n")
+                    && writeFile(layout.filePath("mv"), "#!/bin/sh\nd='" + layout.path().toUtf8() + "'; n=$(($(cat \"$d/moved\") + 1))\n"
+                                 "if [ $n -gt 3 ]; then : > \"$d/held\"; read x < \"$d/gate\"; exit 1; fi\n"
+                                 "echo $n > \"$d/moved\"; exec \"$d/real-mv\" \"$@\"\n", 0755));
+            QCOMPARE(runProcess({"chown", "-R", user + ':' + user, layout.path()}).exitCode, 0);
+            QCOMPARE(runProcess({"chown", "root:root", layout.filePath("xdg")}).exitCode, 0);   // the system's, root's alone
+            QCOMPARE(runProcess({"chmod", "755", m_dir.path(), layout.path()}).exitCode, 0);
+            QProcessEnvironment env = withLauncher(VELD_AUTHHELPER, m_dir.filePath("launch"));
+            for (const char *name : {"XDG_CONFIG_HOME", "HOME"})
+                env.insert(name, layout.filePath("home"));
+            env.insert("VELD_PARENT", parent);
+            const QString program = layout.filePath("Test Installer.app/Contents/MacOS/tst_install");
+            const QString xdg = QStringLiteral("mount --bind \"$1/xdg\" %1").arg(kSystemPreferencesFolder);
+
+            // The first run, held in its fourth move, then killed.
+            env.insert("VELD_PHASE", "killed");
+            const QStringList first = childRowCommand({program, {asUser(user), inPrivateMounts(
+                "cp /bin/mv \"$1/real-mv\" && mount --bind \"$1/mv\" \"$(readlink -f /bin/mv)\" && " + xdg, {layout.path()})}, env}, &env);
+            QProcess installer;
+            // Should a step fail, the stand-in is let go too, unless it has not reached the pipe yet.
+            const auto letGo = qScopeGuard([&] { ::close(::open(QFile::encodeName(gate).constData(), O_WRONLY | O_NONBLOCK)); });
+            installer.setProcessEnvironment(env);
+            installer.start(first.first(), first.mid(1));
+            QVERIFY(installer.waitForStarted(60000));
+            QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(layout.filePath("held")) || installer.state() == QProcess::NotRunning, 120000);
+            if (installer.state() != QProcess::Running)
+                fprintf(stderr, "%s%s\n", installer.readAllStandardOutput().constData(), installer.readAllStandardError().constData());
+            QVERIFY(installer.state() == QProcess::Running);
+            QVERIFY(QFileInfo::exists(layout.filePath("home") + journal));
+            QCOMPARE(::kill(pid_t(installer.processId()), SIGKILL), 0);
+            QVERIFY(installer.waitForFinished(60000) && installer.exitStatus() == QProcess::CrashExit);
+            ::close(::open(QFile::encodeName(gate).constData(), O_WRONLY));   // the stand-in ends, moving nothing
+            QCOMPARE(dataFiles(dest).size() + dataFiles(source).size(), 6);
+            QCOMPARE(dataFiles(dest).size(), 3);
+
+            // The second run completes the move.
+            env.insert("VELD_PHASE", "again");
+            runRowInChild({program, {asUser(user), inPrivateMounts(xdg, {layout.path()})}, env});
+            QCOMPARE(dataFiles(dest), all);
+            QCOMPARE(dataFiles(source), QStringList());
+            QVERIFY(!QFileInfo::exists(parent + "/VELDV400_0") && !QFileInfo::exists(layout.filePath("home") + journal));
+            QCOMPARE(::launches(m_dir.path()), 1);
+            const QString pref = fileText(layout.filePath("xdg/") + kPrefDomain + ".conf");
+            QVERIFY2(pref.contains(kPrefKey + "=" + dest + "\n"), qPrintable(pref));
+            return;
+        }
+
+        const QString source = QDir::cleanPath(QString::fromStdString(GetInstallPath()) + "/../VELDV400");
+        const QString parent = qEnvironmentVariable("VELD_PARENT"), dest = parent + "/VELDV400";
+        answerMessageBoxes(false);
+        VELD_Installer wizard;
+        install_wizard = &wizard;
+        if (qEnvironmentVariable("VELD_PHASE") == "killed") {
+            goToDestPage(wizard);
+            choose(wizard, parent);
+            QTest::mouseClick(wizard.button(QWizard::NextButton), Qt::LeftButton);
+            QVERIFY(sCopyFiles);
+            QTRY_VERIFY_WITH_TIMEOUT(wizard.currentPage()->isComplete(), 120000);
+            QFAIL("the move was not held");
+        }
+        wizard.show();
+        QCOMPARE(wizard.currentId(), int(kConclusionPageId));
+        QWizardPage *page = wizard.currentPage();
+        QTRY_VERIFY_WITH_TIMEOUT(page->isComplete(), 120000);
+        QCOMPARE(page->title() + '|' + page->subTitle(), installed);
+        QCOMPARE(answeredMessageBoxes.value(0).section('|', 1, 1).remove(QChar(0x200B)),
+                 "An earlier installation was interrupted while it moved the database files from\n\n" + source + "\n\nto\n\n" + dest
+                     + "\n\nVELD Installer will now move the remaining files to the same folder and complete the installation.");
+        QCOMPARE(answeredMessageBoxes.size(), 2);   // and the rights for the preference
+    }
 };
 
 QTEST_MAIN(tst_Install)

@@ -21,6 +21,8 @@
 #include <QResource>
 #include <QTextBrowser>
 
+#include <sys/file.h>
+
 // The wizard, driven as a user drives it. Page rows run in a copy of this program in a bundle beside layout/VELDV400,
 // in a private mount namespace with an empty /media, where small memory file systems stand in for other disks.
 
@@ -67,6 +69,23 @@ QStringList cutTexts(QWizard &wizard)
             cut << label->text();
     }
     return cut;
+}
+
+// Below HOME: a name of 120 characters with no place to break a line, and one with blanks.
+const QString kLongFolder = "Disk/" + QString("x").repeated(120) + "/ein Ordner mit Leerzeichen und Umlauten äöü";
+const QString kInstalled = QStringLiteral("Database Installed|The Quorvan Spectra and Properties Database is now ready for use.");
+
+// The first box answered was at most as wide as the wizard, and said text: in full (where it may break), or cut
+// with the whole in its details area.
+bool fitsWizard(QWizard &wizard, const QString &text)
+{
+    const QString shown = answeredMessageBoxes.value(0).section('|', 1, 1).remove(QChar(0x200B));
+    const QString width = answeredMessageBoxLayouts.value(0).section('|', 0, 0), details = answeredMessageBoxLayouts.value(0).section('|', 1);
+    const bool whole = shown == text || (shown.contains(QChar(0x2026)) && details == text);
+    if (whole && width.toInt() > 0 && width.toInt() <= wizard.width())
+        return true;
+    qWarning("%s wide (the wizard %d):\n%s\ndetails: %s", qPrintable(width), wizard.width(), qPrintable(shown), qPrintable(details));
+    return false;
 }
 
 } // namespace
@@ -229,6 +248,86 @@ private slots:
         again.show();
         QTest::keyClick(again.windowHandle(), Qt::Key_Escape);
         QVERIFY(!again.isVisible() && again.result() == QDialog::Rejected);
+    }
+
+    void interruptedMove_data()
+    {
+        QTest::addColumn<QString>("record");   // the journal: "SOURCE>DESTINATION" below HOME, or other text
+        QTest::addColumn<QString>("setup");    // what else there is: "dest" (with a data file), "source" (with one), "held"
+        QTest::addColumn<bool>("escape");      // the box answered with Escape, else with its default button
+        QTest::addColumn<QString>("box");      // the box shown: "resume", "missing", "busy" or none
+        QTest::addColumn<QString>("after");    // "agreement", "closed", or the outcome's title and subtitle
+        QTest::addColumn<bool>("kept");        // the record is still there
+        const QString moved = "Source/VELDV400>" + kLongFolder + "/VELDV400";
+        QTest::newRow("not a record") << "VELD Installer move\nsource=Source\n" << "" << false << "" << "agreement" << false;
+        QTest::newRow("a destination this installer would not choose") << "Source/VELDV400>Disk" << "dest source" << false << ""
+                                                                        << "agreement" << false;
+        QTest::newRow("destination gone: quit") << moved << "source" << false << "missing" << "closed" << true;
+        QTest::newRow("destination gone: a new installation") << moved << "source" << true << "missing" << "agreement" << false;
+        QTest::newRow("source gone: every file moved") << "Gone/VELDV400>" + kLongFolder + "/VELDV400" << "dest" << false
+                                                        << "resume" << kInstalled << false;
+        QTest::newRow("completion refused") << moved << "dest source" << true << "resume" << "closed" << true;
+        QTest::newRow("another installer at work") << moved << "dest source held" << false << "busy" << "closed" << true;
+    }
+
+    // A record of a move left by an earlier run, with its odd cases: the boxes fit the wizard, however long the paths.
+    void interruptedMove()
+    {
+        QFETCH(QString, record);
+        QFETCH(QString, setup);
+        QFETCH(bool, escape);
+        QFETCH(QString, box);
+        QFETCH(QString, after);
+        QFETCH(bool, kept);
+        if (!inChild())
+            return runInLayout(kSmallSource);
+        const QDir home = QDir::home();
+        const QString journal = qEnvironmentVariable("XDG_CONFIG_HOME") + "/com.halvorn.VELDInstaller.move";
+        const QString source = home.filePath(record.section('>', 0, 0)), dest = home.filePath(record.section('>', 1));
+        QVERIFY(writeFile(journal, record.contains('>') ? "VELD Installer move\nsource=" + source.toUtf8().toPercentEncoding("/")
+                                                              + "\ndestination=" + dest.toUtf8().toPercentEncoding("/") + '\n'
+                                                        : record.toUtf8()));
+        QVERIFY(!setup.contains("dest") || makeFile(dest + "/a.qventry", 1));
+        QVERIFY(!setup.contains("source") || makeFile(source + "/b.qventry", 1));
+        const int held = setup.contains("held") ? ::open(QFile::encodeName(journal).constData(), O_RDONLY) : -1;
+        QVERIFY(held < 0 || ::flock(held, LOCK_EX) == 0);
+        answerMessageBoxes(escape);
+        VELD_Installer wizard;
+        wizard.show();
+        if (after == "closed")
+            QTRY_VERIFY_WITH_TIMEOUT(!wizard.isVisible(), 60000);
+        else if (after == "agreement")
+            QTRY_VERIFY_WITH_TIMEOUT(answeredMessageBoxes.size() == !box.isEmpty() && wizard.currentId() == int(kEulaPageId), 60000);
+        else
+            QTRY_VERIFY_WITH_TIMEOUT(wizard.currentPage()->isComplete(), 60000);
+        QVERIFY(!after.contains('|') || wizard.currentPage()->title() + '|' + wizard.currentPage()->subTitle() == after);
+        QCOMPARE(QFileInfo::exists(journal), kept);
+        QCOMPARE(QFileInfo::exists(source + "/b.qventry"), setup.contains("source"));
+        QCOMPARE(answeredMessageBoxes.size(), int(!box.isEmpty()) + int(box == "resume" && !escape));   // and the rights asked
+        if (box.isEmpty())
+            return;
+        const QString interrupted = "An earlier installation was interrupted while it moved the database files from\n\n" + source
+                                    + "\n\nto\n\n" + dest;
+        const QString text = box == "busy" ? "Another VELD Installer is moving database files now. Please wait until it has finished, "
+                                             "then start VELD Installer again."
+                             : box == "resume" ? interrupted + "\n\nVELD Installer will now move the remaining files to the same "
+                                                              "folder and complete the installation."
+                                               : interrupted + "\n\nThat folder cannot be found now. If it is on a disk that is not "
+                                                 "connected, quit, connect the disk and start VELD Installer again. Otherwise the files "
+                                                 "moved there are lost: start a new installation from the original database disk.";
+        QVERIFY(fitsWizard(wizard, text));
+    }
+
+    // An information box naming a path too long for a few lines, cut in its middle, stays as wide as the wizard at most.
+    void longTextInBox()
+    {
+        VELD_Installer wizard;
+        wizard.show();
+        answerMessageBoxes(false);
+        const QString text = "VELD Installer could not read " + QDir::homePath() + "/" + kLongFolder + QString("/y").repeated(150)
+                             + "/entry.qventry, a path too long to show whole.";
+        installInfoDialog(text.toUtf8().constData(), nullptr);
+        QVERIFY(fitsWizard(wizard, text) && answeredMessageBoxLayouts.value(0).section('|', 1) == text);
     }
 
     void fixedSource_data()
