@@ -377,6 +377,8 @@ void ConclusionPage::handleResult()
     } else {
         setTitle(tr("Database was not installed"));
         setSubTitle(failureText(errCode, errMsg));
+        if (QString(subTitle()).remove(QChar(0x200B)) != errMsg)
+            log_msg("handleResult: %s\n", errMsg.toUtf8().constData());
         // A move that stopped with files moved stays recorded for the next run; with none moved there is nothing to complete.
         if (resumeSource.isEmpty() ? moved == 0 : resumeFiles.isEmpty())
             forgetMove();
@@ -401,7 +403,8 @@ QString ConclusionPage::failureText(int errCode, const QString &errMsg)
     case errAuthorizationDenied:
         return tr("The username entered does not have admin privileges.");
     case kFailure:
-        return errMsg;
+        // A long path in a copy program's words would widen the window past the screen: it may break anywhere.
+        return wrappableText(errMsg);
     default:
         return QStringLiteral("A MacOS error occured (%1)").arg(errCode);
     }

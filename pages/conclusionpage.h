@@ -41,7 +41,10 @@ public:
      */
     bool takeInterruptedMove();
 
-    /** The subtitle for a result code other than success. */
+    /**
+     * The subtitle for a result code other than success, as shown: a word too long for a line (a path, mostly) may
+     * break anywhere, and one too long for a few lines is cut in its middle (wrappableText); the log keeps it whole.
+     */
     static QString failureText(int errCode, const QString &errMsg);
 
 public slots:

@@ -190,13 +190,13 @@ private slots:
     void outcome_data()
     {
         QTest::addColumn<QStringList>("unreadable");   // folders the scan could not read
-        QTest::addColumn<QString>("outcome");          // the closing result; "/" can break after it
+        QTest::addColumn<QString>("outcome");          // the closing result, paths whole
         const QString folder = "The folder %1 of the source database could not be read, so its data files were not installed.";
         QTest::newRow("all read, moved") << QStringList() << "0 ";
         QTest::newRow("a folder not read") << QStringList{"/src/ä"} << "-100 " + folder.arg("/src/ä");
         QTest::newRow("two") << QStringList{"/src/a", "/src/b"} << "-100 " + folder.arg("/src/a") + " One other folder of it could not be read either.";
         QTest::newRow("three, one very long") << QStringList{"/" + QString(300, 'l') + "/x", "/b", "/c"}
-                                              << "-100 " + folder.arg("/" + QString(79, 'l') + " \u2026 " + QString(158, 'l') + "/x")
+                                              << "-100 " + folder.arg("/" + QString(300, 'l') + "/x")
                                                      + " 2 other folders of it could not be read either.";
         QTest::newRow("a file that cannot be made readable for all") << QStringList() << "-100 The installed file /mnt/dest/o.qventry could not be made readable for all users.";
     }
@@ -227,7 +227,7 @@ private slots:
         worker.start();
         QVERIFY(worker.wait(60000));
         QCoreApplication::processEvents();
-        QCOMPARE(last.remove(QChar(0x200b)), outcome);
+        QCOMPARE(last, outcome);
         QVERIFY(QFileInfo::exists(dest + "/o.qventry") && !QFileInfo::exists(source));
     }
 };

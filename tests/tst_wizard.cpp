@@ -330,6 +330,33 @@ private slots:
         QVERIFY(fitsWizard(wizard, text) && answeredMessageBoxLayouts.value(0).section('|', 1) == text);
     }
 
+    // The outcome of a failure naming a long path (a copy program's words about a 255-byte name, say) wraps within
+    // the window's opening width instead of widening the window; only a word too long for a few lines is cut.
+    void longTextInOutcome_data()
+    {
+        QTest::addColumn<QString>("message");
+        const QString dest = "/Volumes/Data/" + kLongFolder + "/VELDV400/";
+        QTest::newRow("a long folder") << "Error message is:\n/bin/cp: cannot create regular file '" + dest
+                                              + "a.qventry': Permission denied\n";
+        QTest::newRow("a 255-byte name") << "Error message is:\n/bin/cp: cannot stat '" + dest + QString("n").repeated(245)
+                                                + ".qvkindex': No such file or directory\n";
+    }
+
+    void longTextInOutcome()
+    {
+        QFETCH(QString, message);
+        VELD_Installer wizard;
+        // Shown without an event loop, so the page's transfer is never started; only its layout is brought up to date.
+        wizard.setStartId(kConclusionPageId);
+        wizard.show();
+        const int opening = wizard.width();
+        wizard.currentPage()->setSubTitle(ConclusionPage::failureText(-100, message));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+        QVERIFY2(wizard.width() <= opening, qPrintable(QString::number(wizard.width())));
+        const QString shown = wizard.currentPage()->subTitle().remove(QChar(0x200B));
+        QVERIFY(shown == message || (message.contains(QString("n").repeated(245)) && shown.contains(QChar(0x2026))));
+    }
+
     void fixedSource_data()
     {
         QTest::addColumn<QStringList>("beside");   // the layout beside the bundle

@@ -22,19 +22,7 @@ const char kMoreFoldersNotRead[] = " %1 other folders of it could not be read ei
 const char kNotReadable[] = "The installed file %1 could not be made readable for all users.";
 const int kFailure = -100;
 const int kCancelPollMs = 100;
-// Longer paths are elided in the middle when shown.
-const int kShownPathLength = 240;
 const mode_t kReadableByAll = S_IRUSR | S_IRGRP | S_IROTH;
-
-// A path as the outcome shows it: decoded, a very long one elided in the
-// middle, and breakable after each "/" so that it wraps rather than being cut.
-QString shownPath(const QByteArray &path)
-{
-    QString shown = QString::fromUtf8(path);
-    if (shown.size() > kShownPathLength)
-        shown = shown.left(kShownPathLength / 3) + QStringLiteral(" \u2026 ") + shown.right(kShownPathLength * 2 / 3);
-    return shown.replace(QLatin1Char('/'), QStringLiteral("/\u200b"));
-}
 
 // Opens folder (an absolute path of any length) one name at a time; -1 on failure.
 int openFolder(const QByteArray &folder)
@@ -190,13 +178,13 @@ void CopyThread::unpriviledgedCopy()
         return;
     }
     if (!unreadableFolders.isEmpty()) {
-        QString text = QString::fromLatin1(kFolderNotRead).arg(shownPath(unreadableFolders.first()));
+        QString text = QString::fromLatin1(kFolderNotRead).arg(QString::fromUtf8(unreadableFolders.first()));
         if (unreadableFolders.size() == 2)
             text += QString::fromLatin1(kOneMoreFolderNotRead);
         else if (unreadableFolders.size() > 2)
             text += QString::fromLatin1(kMoreFoldersNotRead).arg(unreadableFolders.size() - 1);
         emit copyResult(kFailure, text);
     } else if (!notReadable.isEmpty()) {
-        emit copyResult(kFailure, QString::fromLatin1(kNotReadable).arg(shownPath(notReadable)));
+        emit copyResult(kFailure, QString::fromLatin1(kNotReadable).arg(QString::fromUtf8(notReadable)));
     }
 }
